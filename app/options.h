@@ -1,0 +1,63 @@
+// The command line: the options record, its parsing and completion, and the
+// help and version texts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "utils/string_array.h"
+
+inline constexpr const char* NMB_VERSION_STRING = "1.26.3";
+inline constexpr uint32_t NMB_MAX_VERBOSITY = 7;
+
+// Output format codes.
+enum nmb_output_format_t : int {
+  NMB_FORMAT_JSON = 0,
+  NMB_FORMAT_NDJSON = 1,
+  NMB_FORMAT_TXT = 2,
+  NMB_FORMAT_CSV = 3,
+  NMB_FORMAT_INFLUX = 4,
+  NMB_FORMAT_BIN = 5,
+};
+
+// -1 for an unknown name.
+int nmb_output_format_from_name(const char* name);
+// nullptr for an unknown code.
+const char* nmb_output_format_name(int format);
+
+struct nmb_read_options_t {
+  uint32_t verbosity = 6;
+  std::string schema_path = "schema";
+  std::string output_dir = "output";
+  std::string data_dir;  // empty: none
+  uint64_t timestamp_gt = 0;
+  uint64_t timestamp_lt = UINT64_MAX;
+  nmb_string_array_t include;
+  nmb_string_array_t exclude;
+  nmb_string_array_t files;
+  int format = NMB_FORMAT_JSON;
+  bool print_headers = false;
+  bool sort_files = false;
+  std::string sort_order;  // empty: the default order
+  std::string cset_file;   // empty: none
+  std::string fset_file;   // empty: none
+  bool ignore_missing_filter = false;
+  bool microsecond_precision = false;
+  bool metadata = false;
+};
+
+// Parses argv into `options` and completes it (data directory, include
+// default, schema folder search, file checks). Messages go to standard error;
+// false means the caller prints the help text and exits with 1.
+// `exit_now` is set when -h or -V was handled (exit status 0).
+bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, bool& exit_now);
+
+void nmb_read_print_help();
+void nmb_read_print_version();
+
+// Looks for a folder named `name` next to `start_path` and up to `depth`
+// levels above it; the root itself is never tried. Empty when none exists.
+std::string nmb_find_schema_folder(const char* start_path, const char* name, int depth);
+
+// Appends every regular file under `dir`, depth-first, to `files`.
+bool nmb_collect_data_files(const std::string& dir, nmb_string_array_t& files);

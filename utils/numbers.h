@@ -1,0 +1,8 @@
+// Whole-string number parsing in any C base notation (decimal, 0x hex, 0 octal).
+#pragma once
+
+#include <cstdint>
+
+// Each fails on empty text, a range error or any trailing character.
+bool nmb_parse_int64(const char* text, int64_t& value);
+bool nmb_parse_uint64(const char* text, uint64_t& value);
