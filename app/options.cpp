@@ -24,9 +24,13 @@ constexpr const char* kFormatNames[] = {"json", "ndjson", "txt", "csv", "influx"
 constexpr int kSchemaSearchDepth = 5;
 constexpr size_t kMaxPath = 4096;
 
-const char* bool_text(bool value) { return value ? "true" : "false"; }
+const char* bool_text(bool value) {
+  return value ? "true" : "false";
+}
 
-bool path_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool path_exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
 
 // POSIX dirname of a path, without touching the caller's copy.
 std::string directory_part(const std::string& path) {
@@ -68,8 +72,8 @@ const option kLongOptions[] = {
 bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit_now) {
   optind = 0;
   int c;
-  while ((c = getopt_long(argc, argv, "hVv:s:o:g:l:i:e:f:pd:S::C:F:IuM", kLongOptions,
-                          nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, "hVv:s:o:g:l:i:e:f:pd:S::C:F:IuM", kLongOptions, nullptr)) !=
+         -1) {
     switch (c) {
       case 'h':
         nmb_read_print_help();
@@ -192,7 +196,7 @@ bool nmb_collect_data_files(const std::string& dir, nmb_string_array_t& files) {
     if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
     std::string path = dir + "/" + entry->d_name;
     if (path.size() >= kMaxPath) continue;
-    struct stat info{};
+    struct stat info {};
     if (stat(path.c_str(), &info) != 0) {
       std::fprintf(stderr, "Failed to stat path '%s': %s\n", path.c_str(), std::strerror(errno));
       ok = false;
@@ -276,8 +280,9 @@ void nmb_read_print_help() {
       bool_text(defaults.ignore_missing_filter));
   out.write(
       "  -M, --metadata                    Load metadata JSON from schema path, strip index\n");
-  out.printf("                                    prefixes from counter names and add labels (%s).\n",
-             bool_text(defaults.metadata));
+  out.printf(
+      "                                    prefixes from counter names and add labels (%s).\n",
+      bool_text(defaults.metadata));
   out.write("  -i, --include-counters pattern    Take counters that match pattern.\n");
   out.write("  -e, --exclude-counters pattern    Do not take counters that match pattern.\n");
   out.printf("  -o, --output-dir dir              Specifies location for .bin files output (%s)\n",
@@ -285,8 +290,9 @@ void nmb_read_print_help() {
   out.write("\nOutput format:\n");
   out.printf("  -f, --format [json|ndjson|txt|csv|influx|bin] Output format (%s).\n",
              nmb_output_format_name(defaults.format));
-  out.printf("  -u, --microsecond-precision   Show 6 digits after decimal point in timestamps (%s).\n",
-             bool_text(defaults.microsecond_precision));
+  out.printf(
+      "  -u, --microsecond-precision   Show 6 digits after decimal point in timestamps (%s).\n",
+      bool_text(defaults.microsecond_precision));
   out.write("\n");
   out.flush();
 }

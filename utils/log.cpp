@@ -211,7 +211,9 @@ uint32_t nmb_set_log_level(uint32_t level) {
   return previous;
 }
 
-nmb_log_callback_t nmb_get_log_callback() { return g_callback; }
+nmb_log_callback_t nmb_get_log_callback() {
+  return g_callback;
+}
 
 std::unique_ptr<nmb_logger_config_t> nmb_export_logger_config() {
   auto config = std::make_unique<nmb_logger_config_t>();
@@ -225,9 +227,11 @@ std::unique_ptr<nmb_logger_config_t> nmb_export_logger_config() {
 
 bool nmb_adopt_logger_config(const nmb_logger_config_t* config) {
   if (config == nullptr) return false;
-  bool same = config->mode == g_mode && config->level == g_level && config->mutex == g_mutex &&
-              config->stream == ((g_mode == NMB_LOGGER_STDERR || g_mode == NMB_LOGGER_FILE) ? g_stream : nullptr) &&
-              config->callback == (g_mode == NMB_LOGGER_CALLBACK ? g_callback : nullptr);
+  bool same =
+      config->mode == g_mode && config->level == g_level && config->mutex == g_mutex &&
+      config->stream ==
+          ((g_mode == NMB_LOGGER_STDERR || g_mode == NMB_LOGGER_FILE) ? g_stream : nullptr) &&
+      config->callback == (g_mode == NMB_LOGGER_CALLBACK ? g_callback : nullptr);
   if (same) return true;
   g_mutex = static_cast<pthread_mutex_t*>(config->mutex);
   g_registered = true;

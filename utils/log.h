@@ -56,8 +56,8 @@ inline bool nmb_log_enabled(uint32_t level) {
 void nmb_log(uint32_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void nmb_vlog(uint32_t level, const char* format, va_list args);
 
-#define NMB_LOG(level, ...)                              \
-  do {                                                   \
+#define NMB_LOG(level, ...)                                  \
+  do {                                                       \
     if (nmb_log_enabled(level)) nmb_log(level, __VA_ARGS__); \
   } while (0)
 

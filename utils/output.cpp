@@ -12,7 +12,9 @@ OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_
   text_.reserve(flush_threshold + flush_threshold / 4);
 }
 
-OutputBuffer::~OutputBuffer() { flush(); }
+OutputBuffer::~OutputBuffer() {
+  flush();
+}
 
 void OutputBuffer::printf(const char* format, ...) {
   va_list args;

@@ -56,8 +56,8 @@ TEST(Cli, HelpTextIsExact) {
 TEST(Cli, VersionBlockNamesTheVersion) {
   auto result = run_binary(NMB_READ_BINARY, {"-V"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out.rfind("Nimbrel binary data reader 1.26.3\nNimbrel build info: build time:", 0),
-            0u)
+  EXPECT_EQ(
+      result.out.rfind("Nimbrel binary data reader 1.26.3\nNimbrel build info: build time:", 0), 0u)
       << result.out;
   EXPECT_NE(result.out.find("zlib: "), std::string::npos);
   EXPECT_NE(result.out.find("snappy: "), std::string::npos);
@@ -94,8 +94,9 @@ TEST(Cli, BinaryOutputNeedsAnExistingFolder) {
   namespace fs = std::filesystem;
   fs::path dir = fs::temp_directory_path() / "nmb_cli_output_test";
   fs::create_directories(dir / "schema");
-  auto result = run_binary(NMB_READ_BINARY, {"-s", "schema", "-f", "bin", "-o", "/nonexistent", "x.bin"},
-                           nmb::test::RunOptions{dir.string(), {}, {}});
+  auto result =
+      run_binary(NMB_READ_BINARY, {"-s", "schema", "-f", "bin", "-o", "/nonexistent", "x.bin"},
+                 nmb::test::RunOptions{dir.string(), {}, {}});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "Output folder '/nonexistent' does not exits\n");
   EXPECT_EQ(result.out, kHelp);
@@ -133,12 +134,12 @@ TEST(Cli, DebugLogLinesCarryTimestampAndLevelWord) {
 }
 
 TEST(Cli, EnvironmentConflictWarnsAndPrefersThePrefixedName) {
-  auto result = run_binary(NMB_READ_BINARY, {"-f", "ndjson"},
-                           nmb::test::RunOptions{"",
-                                                 {{"NMB_API_LOG_LEVEL", "4"},
-                                                  {"NMB_DONT_SET_LOCALE", "1"},
-                                                  {"DONT_SET_LOCALE", "0"}},
-                                                 {}});
+  auto result = run_binary(
+      NMB_READ_BINARY, {"-f", "ndjson"},
+      nmb::test::RunOptions{
+          "",
+          {{"NMB_API_LOG_LEVEL", "4"}, {"NMB_DONT_SET_LOCALE", "1"}, {"DONT_SET_LOCALE", "0"}},
+          {}});
   EXPECT_EQ(nmb::test::strip_log_timestamps(result.err),
             "[warning] [nmb_getenv] Environment variables conflict - NMB_DONT_SET_LOCALE=1 and "
             "DONT_SET_LOCALE=0. Using NMB_DONT_SET_LOCALE\n"

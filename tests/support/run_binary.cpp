@@ -4,8 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cctype>
+#include <cstdlib>
 
 namespace nmb::test {
 
@@ -74,7 +74,9 @@ bool prefix_at(const std::string& text, size_t at) {
 }
 }  // namespace
 
-bool starts_with_log_timestamp(const std::string& line) { return prefix_at(line, 0); }
+bool starts_with_log_timestamp(const std::string& line) {
+  return prefix_at(line, 0);
+}
 
 std::string strip_log_timestamps(const std::string& text) {
   std::string result;

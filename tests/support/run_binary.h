@@ -14,7 +14,7 @@ struct RunResult {
 };
 
 struct RunOptions {
-  std::string cwd;                                      // empty: current directory
+  std::string cwd;                                       // empty: current directory
   std::vector<std::pair<std::string, std::string>> env;  // added or replaced variables
   std::vector<std::string> unset_env;                    // removed variables
 };

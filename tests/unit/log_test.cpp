@@ -98,11 +98,9 @@ TEST_F(Logger, RegisteredConfigurationCannotBeReinitialised) {
 TEST_F(Logger, CallbackReceivesUnformattedMessages) {
   static std::string seen;
   seen.clear();
-  nmb_register_log_callback(
-      [](uint32_t level, const char* format, va_list) {
-        seen = std::to_string(level) + ":" + format;
-      },
-      6);
+  nmb_register_log_callback([](uint32_t level, const char* format,
+                               va_list) { seen = std::to_string(level) + ":" + format; },
+                            6);
   nmb_log(NMB_LOG_INFO, "value %d", 5);
   EXPECT_EQ(seen, "6:value %d");
 }

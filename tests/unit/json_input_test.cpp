@@ -1,0 +1,58 @@
+#include "utils/json_input.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using nmb::Json;
+using nmb::json_matches_template;
+using nmb::json_parse_text;
+
+TEST(JsonInput, ParsingRules) {
+  EXPECT_TRUE(json_parse_text(R"({"a":1,"b":{"a":2}})"));
+  EXPECT_FALSE(json_parse_text(R"({"a":1,"a":2})")) << "a repeated key fails the document";
+  EXPECT_FALSE(json_parse_text(R"([{"x":{"k":1,"k":1}}])"));
+  EXPECT_FALSE(json_parse_text(""));
+  EXPECT_FALSE(json_parse_text("{} x"));
+  auto with_bom = json_parse_text("\xEF\xBB\xBF{\"a\":1}");
+  ASSERT_TRUE(with_bom);
+  EXPECT_EQ((*with_bom)["a"], 1);
+  auto ordered = json_parse_text(R"({"z":1,"a":2})");
+  EXPECT_EQ(ordered->begin().key(), "z");
+}
+
+TEST(JsonInput, NestingLimit) {
+  auto nested = [](int n) { return std::string(n, '[') + "1" + std::string(n, ']'); };
+  EXPECT_TRUE(json_parse_text(nested(2048)));
+  EXPECT_FALSE(json_parse_text(nested(2049)));
+  EXPECT_FALSE(json_parse_text(std::string(100000, '[')));
+}
+
+TEST(JsonInput, TemplateMatch) {
+  Json templ = Json::parse(R"({"name":"","size":0,"fields":[]})");
+  EXPECT_TRUE(
+      json_matches_template(Json::parse(R"({"name":"t","size":1.5,"fields":[1],"x":0})"), templ));
+  EXPECT_FALSE(json_matches_template(Json::parse(R"({"name":"t","size":"1","fields":[]})"), templ));
+  EXPECT_FALSE(json_matches_template(Json::parse(R"({"name":"t","fields":[]})"), templ));
+  EXPECT_FALSE(json_matches_template(Json::parse(R"([])"), templ));
+  Json nested = Json::parse(R"({"list":[{"k":""}]})");
+  EXPECT_TRUE(json_matches_template(Json::parse(R"({"list":[{"k":"a"},{"k":"b"}]})"), nested));
+  EXPECT_FALSE(json_matches_template(Json::parse(R"({"list":[{"k":"a"},{"j":"b"}]})"), nested));
+}
+
+TEST(JsonInput, NumberConversions) {
+  uint64_t value = 0;
+  Json doc = Json::parse(R"({"a":1e3,"b":-1,"c":1.5,"d":1e30,"e":"7"})");
+  EXPECT_TRUE(nmb::json_get_u64(doc, "a", value));
+  EXPECT_EQ(value, 1000u);
+  EXPECT_FALSE(nmb::json_get_u64(doc, "b", value));
+  EXPECT_FALSE(nmb::json_get_u64(doc, "c", value));
+  EXPECT_FALSE(nmb::json_get_u64(doc, "d", value));
+  EXPECT_FALSE(nmb::json_get_u64(doc, "e", value));
+  EXPECT_FALSE(nmb::json_get_u64(doc, "missing", value));
+  EXPECT_FALSE(nmb::json_number_to_u64(70000, UINT16_MAX, value));
+}
+
+}  // namespace
