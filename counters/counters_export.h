@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string>
 
@@ -19,15 +18,17 @@ int nmb_export_counters_block(nmb_reader_context_t& reader, std::span<const uint
 nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema);
 
 // Appends the block as one JSON object (pretty or compact) to out; false when
-// a value cannot be rendered (out is then left as it was).
+// a value cannot be a JSON value (out is then cut back to where it was).
 bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block,
                                 const nmb_counters_schema_t& schema, bool microsecond_precision,
                                 bool pretty);
 
-// Appends the text tables of a block to out.
+// Text tables (counters/counters_text.cpp). Values are taken by position:
+// value k of a counter set is the k-th 8-byte word of the value area.
 void nmb_print_counters_block_text(std::string& out, std::span<const uint8_t> block,
                                    const nmb_counters_schema_t& schema, bool microsecond_precision);
 void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& group,
                                   std::span<const uint8_t> values);
+// One cell of `width` columns for the value at `offset` of the value area.
 void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& counter, int width,
-                                  const uint8_t value[8]);
+                                  std::span<const uint8_t> values, uint64_t offset);
