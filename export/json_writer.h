@@ -1,0 +1,140 @@
+// The JSON text writer: streams values straight into a std::string (normally
+// the standard output buffer) in the compact form (ndjson records) or the
+// pretty form (json records, schema documents). Builds no document tree.
+//
+// Text rules: numbers are doubles printed like "%1.17g" (NaN and infinities
+// are refused); strings end at their first zero byte; string values must be
+// valid UTF-8 (keys are not checked); '/' is not escaped; control bytes are
+// escaped with the short forms or \u00xx.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace nmb {
+
+// True when the bytes are valid UTF-8 (RFC 3629).
+bool json_is_valid_utf8(const char* data, size_t length);
+
+// Appends the escaped text of `text` (up to its first zero byte) without
+// quotes and without validation.
+void json_append_escaped(std::string& out, std::string_view text);
+
+// The quoted, escaped text of a key, computed once so that plans can write
+// keys without escaping them per record ("name" -> "\"name\"").
+std::string json_escape_key(std::string_view key);
+
+// Appends a number; false (nothing written) for NaN and infinities.
+bool json_append_number(std::string& out, double value);
+
+// Appends a quoted string value (up to its first zero byte); false (nothing
+// written) when the bytes are not valid UTF-8.
+bool json_append_string(std::string& out, std::string_view text);
+
+class JsonWriter {
+ public:
+  JsonWriter(std::string& out, bool pretty) : out_(out), pretty_(pretty) {}
+
+  void begin_object() {
+    separate();
+    out_.push_back('{');
+    open();
+  }
+  void end_object() { close('}'); }
+  void begin_array() {
+    separate();
+    out_.push_back('[');
+    open();
+  }
+  void end_array() { close(']'); }
+
+  // A key given as raw text (escaped here, not validated).
+  void key(std::string_view raw) {
+    separate();
+    out_.push_back('"');
+    json_append_escaped(out_, raw);
+    out_.push_back('"');
+    colon();
+  }
+  // A key given as the output of json_escape_key.
+  void escaped_key(std::string_view quoted) {
+    separate();
+    out_.append(quoted);
+    colon();
+  }
+
+  // Values. number and string return false, writing nothing, when the value
+  // cannot be a JSON value (NaN/infinity, invalid UTF-8). After such a failure
+  // the caller discards the whole document it was writing.
+  bool number(double value) {
+    separate();
+    return json_append_number(out_, value);
+  }
+  bool string(std::string_view text) {
+    separate();
+    return json_append_string(out_, text);
+  }
+  void boolean(bool value) {
+    separate();
+    out_.append(value ? "true" : "false");
+  }
+  void null() {
+    separate();
+    out_.append("null");
+  }
+  // A value whose JSON text was produced elsewhere (a quoted string known to
+  // be valid, a number).
+  void raw_value(std::string_view json_text) {
+    separate();
+    out_.append(json_text);
+  }
+
+  std::string& out() { return out_; }
+  bool pretty() const { return pretty_; }
+
+ private:
+  void open() {
+    ++depth_;
+    empty_ = true;
+  }
+  void close(char bracket) {
+    --depth_;
+    if (!empty_ && pretty_) newline_indent();
+    out_.push_back(bracket);
+    empty_ = false;
+    after_key_ = false;
+  }
+  void colon() {
+    if (pretty_) {
+      out_.append(": ", 2);
+    } else {
+      out_.push_back(':');
+    }
+    after_key_ = true;
+  }
+  // Writes what comes before a member or item of the current container.
+  void separate() {
+    if (after_key_) {
+      after_key_ = false;
+      return;
+    }
+    if (depth_ == 0) return;
+    if (!empty_) out_.push_back(',');
+    if (pretty_) newline_indent();
+    empty_ = false;
+  }
+  void newline_indent() {
+    out_.push_back('\n');
+    out_.append(static_cast<size_t>(depth_) * 4, ' ');
+  }
+
+  std::string& out_;
+  bool pretty_;
+  bool empty_ = false;      // the innermost open container has no member yet
+  bool after_key_ = false;  // a key was written, its value comes next
+  uint32_t depth_ = 0;
+};
+
+}  // namespace nmb

@@ -1,0 +1,194 @@
+#include "export/value_format.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "utils/env.h"
+#include "utils/log.h"
+
+namespace {
+
+bool is_letter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+char lower(char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+}  // namespace
+
+bool nmb_is_guid_field_name(const char* name) {
+  if (name == nullptr) return false;
+  size_t length = std::strlen(name);
+  if (length < 4) return false;
+  static constexpr char kWord[] = "guid";
+  size_t matched = 0;
+  for (size_t i = 0; i < length; ++i) {
+    if (lower(name[i]) != kWord[matched]) {
+      // Restart after the mismatching character; it is not tried as a new start.
+      matched = 0;
+      continue;
+    }
+    if (matched == 0 && i > 0 && is_letter(name[i - 1])) continue;  // no word start
+    if (++matched == 4) {
+      if (i + 1 == length || !is_letter(name[i + 1])) return true;
+      matched = 0;
+    }
+  }
+  return false;
+}
+
+bool nmb_name_has_guid(const char* name) {
+  return name != nullptr && (std::strstr(name, "guid") != nullptr || std::strstr(name, "GUID"));
+}
+
+bool nmb_read_guid_conversion_switch() {
+  const char* value = nmb_getenv("NMB_CONVERT_GUID_TO_HEX_STRING");
+  if (value == nullptr || value[0] == '\0') return true;
+  return nmb_env_is_true(value);
+}
+
+void nmb_format_guid_hex_into(uint64_t value, char (&out)[NMB_GUID_HEX_LENGTH + 1]) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out[0] = '0';
+  out[1] = 'x';
+  for (int i = 0; i < 16; ++i) out[2 + i] = kHex[(value >> (60 - 4 * i)) & 15];
+  out[NMB_GUID_HEX_LENGTH] = '\0';
+}
+
+std::string nmb_format_guid_hex(uint64_t value) {
+  char text[NMB_GUID_HEX_LENGTH + 1];
+  nmb_format_guid_hex_into(value, text);
+  return std::string(text, NMB_GUID_HEX_LENGTH);
+}
+
+namespace {
+
+std::string binary_text(const uint8_t* bytes, size_t count) {
+  std::string text = "0b";
+  text.reserve(2 + count * 8);
+  for (size_t b = 0; b < count; ++b) {
+    for (int bit = 7; bit >= 0; --bit) text.push_back((bytes[b] >> bit) & 1 ? '1' : '0');
+  }
+  return text;
+}
+
+std::string format_u64_common(uint64_t value, int32_t string_format) {
+  if (string_format == 2) return nmb_format_guid_hex(value);
+  // Most significant bit first.
+  uint8_t bytes[8];
+  for (int i = 0; i < 8; ++i) bytes[i] = static_cast<uint8_t>(value >> (56 - 8 * i));
+  return binary_text(bytes, 8);
+}
+
+}  // namespace
+
+std::string nmb_format_uint64_string(uint64_t value, int32_t string_format) {
+  if (string_format == 2 || string_format == 4) return format_u64_common(value, string_format);
+  if (string_format == 3) {
+    NMB_LOG(NMB_LOG_WARNING,
+            "UUID format is only supported for 128-bit types, using DECIMAL for uint64");
+  }
+  char text[21];
+  std::snprintf(text, sizeof text, "%" PRIu64, value);
+  return text;
+}
+
+std::string nmb_format_int64_string(int64_t value, int32_t string_format) {
+  if (string_format == 2 || string_format == 4) {
+    return format_u64_common(static_cast<uint64_t>(value), string_format);
+  }
+  if (string_format == 3) {
+    NMB_LOG(NMB_LOG_WARNING,
+            "UUID format is only supported for 128-bit types, using DECIMAL for int64");
+  }
+  char text[21];
+  std::snprintf(text, sizeof text, "%" PRId64, value);
+  return text;
+}
+
+std::string nmb_format_fp64_string(int32_t string_format, double value) {
+  if (string_format == 2 || string_format == 4) {
+    uint64_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return nmb_format_uint64_string(bits, string_format);
+  }
+  if (string_format == 3) {
+    NMB_LOG(NMB_LOG_WARNING, "UUID format is not supported for FP64 types, using DECIMAL");
+  }
+  // A 32-byte buffer: very large values are cut at 31 characters.
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6f", value);
+  return text;
+}
+
+std::string nmb_format_uint128_string(const uint8_t* b, int32_t string_format) {
+  if (b == nullptr) return {};
+  char text[40];
+  switch (string_format) {
+    case 3:
+      std::snprintf(text, sizeof text,
+                    "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0],
+                    b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
+                    b[13], b[14], b[15]);
+      return text;
+    case 4:
+      return binary_text(b, 16);
+    case 2:
+      break;
+    default:
+      NMB_LOG(NMB_LOG_WARNING,
+              "Decimal format not fully supported for 128-bit types, using hex representation");
+      break;
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex = string_format == 2 ? "0x" : "";
+  for (int i = 0; i < 16; ++i) {
+    hex.push_back(kHex[b[i] >> 4]);
+    hex.push_back(kHex[b[i] & 15]);
+  }
+  return hex;
+}
+
+std::string nmb_format_int128_string(const uint8_t* bytes16, int32_t string_format) {
+  return nmb_format_uint128_string(bytes16, string_format);
+}
+
+size_t nmb_format_timestamp_into(uint64_t timestamp_us, bool microsecond_precision, char* out,
+                                 size_t room) {
+  // Records of one block share their timestamp: keep the last conversion.
+  static thread_local time_t cached_seconds = -1;
+  static thread_local struct tm cached_tm;
+  uint64_t seconds_u = timestamp_us / 1000000;
+  if (seconds_u > static_cast<uint64_t>(INT64_MAX)) return 0;
+  time_t seconds = static_cast<time_t>(seconds_u);
+  if (seconds != cached_seconds) {
+    if (localtime_r(&seconds, &cached_tm) == nullptr) {
+      cached_seconds = -1;
+      return 0;
+    }
+    cached_seconds = seconds;
+  }
+  const struct tm& tm = cached_tm;
+  unsigned fraction = static_cast<unsigned>(timestamp_us % 1000000);
+  int length;
+  if (microsecond_precision) {
+    length = std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%06d", tm.tm_year + 1900,
+                           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                           static_cast<int>(fraction));
+  } else {
+    length = std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%03d", tm.tm_year + 1900,
+                           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                           static_cast<int>(fraction / 1000));
+  }
+  if (length < 0 || static_cast<size_t>(length) >= room) return 0;
+  return static_cast<size_t>(length);
+}
+
+std::string nmb_format_timestamp(uint64_t timestamp_us, bool microsecond_precision) {
+  char text[64];
+  size_t length = nmb_format_timestamp_into(timestamp_us, microsecond_precision, text, sizeof text);
+  return std::string(text, length);
+}
