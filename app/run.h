@@ -1,7 +1,30 @@
 // The run over all input files, in the given or the sorted order.
 #pragma once
 
+#include <cstddef>
+
 #include "app/options.h"
 
-// Processes every input file; returns the number of files that failed.
+// Processes every input file; returns the number of files that failed (1 when
+// sorting could not read a header, in which case no file is processed).
 int nmb_run(const nmb_read_options_t& options);
+
+// Keys of the -S order string.
+enum nmb_sort_key_t : int {
+  NMB_SORT_KEY_SOURCE_ID = 0,
+  NMB_SORT_KEY_SOURCE_TAG = 1,
+  NMB_SORT_KEY_FIRST_TIMESTAMP = 2,
+};
+
+inline constexpr size_t NMB_MAX_SORT_KEYS = 3;
+
+struct nmb_sort_order_t {
+  nmb_sort_key_t keys[NMB_MAX_SORT_KEYS] = {NMB_SORT_KEY_FIRST_TIMESTAMP, NMB_SORT_KEY_SOURCE_ID,
+                                            NMB_SORT_KEY_SOURCE_TAG};
+  size_t count = NMB_MAX_SORT_KEYS;  // the default order uses all three
+};
+
+// Parses a comma-separated order string: tokens are trimmed, empty ones
+// dropped, at most three keys are taken and later tokens are not looked at.
+// False (an unknown key is logged) when no valid order results.
+bool nmb_parse_sort_order(const char* text, nmb_sort_order_t& order);
