@@ -138,11 +138,14 @@ const char* nmb_version_to_string(uint32_t version);
 bool nmb_version_is_compatible(const char* schema_version, const char* current_version);
 int nmb_version_compare(uint32_t a, uint32_t b);
 
+struct nmb_event_field_filter_t;  // data/schema_json.h
+
 std::unique_ptr<nmb_type_system_t> nmb_type_system_create();
-// Loads one event schema file into the next slot; nullptr on failure or when
-// the schema was skipped (then *out_loaded is 1).
-nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path,
-                                          bool* out_loaded);
+// Loads one event schema file into the next slot, resolves its field types
+// and compiles the export plans of its types; nullptr on failure (then
+// *out_loaded is 0) or when the filter wanted nothing of it (*out_loaded 1).
+nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path, bool* out_loaded,
+                                          const nmb_event_field_filter_t* filter = nullptr);
 nmb_schema_t* nmb_type_system_add_schema(nmb_type_system_t& ts, const char* name, uint32_t version,
                                          uint8_t* out_index);
 void nmb_type_system_remove_last_schema(nmb_type_system_t& ts);

@@ -1,0 +1,442 @@
+#include "data/schema_json.h"
+
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "export/event_export.h"
+#include "export/json_writer.h"
+#include "utils/log.h"
+
+namespace {
+
+constexpr const char* kSchemaTemplate =
+    "{\"nmb_version\" : \"\", \"provider_name\" : \"\", \"provider_version\" : \"\", \"types\" : "
+    "[]}";
+constexpr const char* kTypeTemplate = "{\"name\" : \"\", \"size\" : 0, \"fields\" : []}";
+constexpr const char* kFieldTemplate =
+    "{\"field_name\" : \"\", \"description\" : \"\", \"type_size\" : 0, \"offset\" : 0, "
+    "\"type_name\" : \"\", \"counting_mode\" : \"\", \"index\" : 0}";
+constexpr const char* kFieldTemplateWithoutIndex =
+    "{\"field_name\" : \"\", \"description\" : \"\", \"type_size\" : 0, \"offset\" : 0, "
+    "\"type_name\" : \"\", \"counting_mode\" : \"\"}";
+
+// Sizes and offsets of untrusted schemas are kept below 2^32: no record of a
+// data file can be larger, and sums of them can then never overflow.
+constexpr uint64_t kMaxRecordBytes = UINT32_MAX;
+
+const nmb::Json* parsed_template(const char* text) {
+  // The templates are constants: parse each once.
+  static std::optional<nmb::Json> schema = nmb::json_parse_text(kSchemaTemplate);
+  static std::optional<nmb::Json> type = nmb::json_parse_text(kTypeTemplate);
+  static std::optional<nmb::Json> field = nmb::json_parse_text(kFieldTemplate);
+  static std::optional<nmb::Json> field_plain = nmb::json_parse_text(kFieldTemplateWithoutIndex);
+  const std::optional<nmb::Json>* found = text == kSchemaTemplate  ? &schema
+                                          : text == kTypeTemplate  ? &type
+                                          : text == kFieldTemplate ? &field
+                                                                   : &field_plain;
+  return found->has_value() ? &**found : nullptr;
+}
+
+std::string string_member(const nmb::Json& object, const char* key) {
+  auto it = object.find(key);
+  if (it == object.end() || !it->is_string()) return {};
+  return it->get<std::string>();
+}
+
+// An optional 16-bit number: absent or not a number reads as 0; a number that
+// is negative, fractional or too large is refused.
+bool optional_u16(const nmb::Json& object, const char* key, uint16_t& out) {
+  out = 0;
+  auto it = object.find(key);
+  if (it == object.end() || !it->is_number()) return true;
+  uint64_t value;
+  if (!nmb::json_number_to_u64(it->get<double>(), UINT16_MAX, value)) return false;
+  out = static_cast<uint16_t>(value);
+  return true;
+}
+
+bool field_from_json(const nmb::Json& json, const char* type_name,
+                     nmb_type_field_definition_t& field) {
+  const nmb::Json* with_index = parsed_template(kFieldTemplate);
+  if (with_index == nullptr) {
+    NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", kFieldTemplate);
+    return false;
+  }
+  if (!nmb::json_matches_template(json, *with_index)) {
+    const nmb::Json* without_index = parsed_template(kFieldTemplateWithoutIndex);
+    if (without_index == nullptr) {
+      NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value (without index): '%s'",
+              kFieldTemplateWithoutIndex);
+      return false;
+    }
+    if (!nmb::json_matches_template(json, *without_index)) {
+      NMB_LOG(NMB_LOG_WARNING,
+              "Field definition JSON does not match schema with or without 'index'.");
+      return false;
+    }
+  }
+  field.field_name = string_member(json, "field_name");
+  field.description = string_member(json, "description");
+  field.type_name = string_member(json, "type_name");
+  field.counting_mode = nmb_counting_mode_from_name(string_member(json, "counting_mode").c_str());
+  uint16_t array_length = 0;
+  bool numbers_ok = optional_u16(json, "array_length", array_length) &&
+                    optional_u16(json, "index", field.index) &&
+                    nmb::json_get_u64(json, "type_size", field.type_size) &&
+                    nmb::json_get_u64(json, "offset", field.offset);
+  // Untrusted numbers: refuse what no record can hold instead of letting
+  // negative or huge values wrap around.
+  if (!numbers_ok || field.type_size > kMaxRecordBytes || field.offset > kMaxRecordBytes) {
+    NMB_LOG(NMB_LOG_ERROR,
+            "Field '%s.%s': \"type_size\", \"offset\", \"array_length\" and \"index\" must be "
+            "whole numbers in range",
+            type_name, field.field_name.c_str());
+    return false;
+  }
+  field.array_length = array_length == 0 ? 1 : array_length;
+  return true;
+}
+
+// Builds one type; empty with *skipped set when it is left out on purpose.
+std::unique_ptr<nmb_type_definition_t> type_from_json(const nmb::Json& json,
+                                                      const nmb_event_field_filter_t* filter,
+                                                      bool* skipped) {
+  *skipped = false;
+  const nmb::Json* templ = parsed_template(kTypeTemplate);
+  if (templ == nullptr || !nmb::json_matches_template(json, *templ)) {
+    NMB_LOG(NMB_LOG_WARNING, "Type definition JSON does not match schema '%s'", kTypeTemplate);
+    return nullptr;
+  }
+  auto type = std::make_unique<nmb_type_definition_t>();
+  type->name = string_member(json, "name");
+  if (filter && filter->type_of_interest &&
+      !filter->type_of_interest(filter->context, type->name.c_str())) {
+    NMB_LOG(NMB_LOG_DEBUG,
+            "Skipping type definition '%s' as it is not required by the provided field set",
+            type->name.c_str());
+    *skipped = true;
+    return nullptr;
+  }
+  if (!nmb::json_get_u64(json, "size", type->size) || type->size > kMaxRecordBytes) {
+    NMB_LOG(NMB_LOG_ERROR, "Type '%s': \"size\" must be a whole number below 2^32",
+            type->name.c_str());
+    return nullptr;
+  }
+  if (type->size == 0) return nullptr;
+  const nmb::Json& fields = json["fields"];
+  type->fields.reserve(fields.size());
+  for (const nmb::Json& field_json : fields) {
+    nmb_type_field_definition_t field;
+    if (!field_from_json(field_json, type->name.c_str(), field)) return nullptr;
+    if (filter && filter->include_field) {
+      int keep =
+          filter->include_field(filter->context, type->name.c_str(), field.field_name.c_str());
+      if (keep < 0) {
+        NMB_LOG(NMB_LOG_ERROR, "fset query failed for field '%s.%s'", type->name.c_str(),
+                field.field_name.c_str());
+      }
+      if (keep <= 0) {
+        NMB_LOG(NMB_LOG_DEBUG,
+                "Skipping field '%s.%s' as it is not required by the provided field set",
+                type->name.c_str(), field.field_name.c_str());
+        continue;
+      }
+    }
+    type->fields.push_back(std::move(field));
+  }
+  *skipped = true;
+  if (type->fields.empty()) {
+    NMB_LOG(NMB_LOG_DEBUG,
+            "Skipping type definition '%s' as it has no fields after filtering by field set",
+            type->name.c_str());
+    return nullptr;
+  }
+  return type;
+}
+
+void write_value(nmb::JsonWriter& w, const nmb::Json& value) {
+  switch (value.type()) {
+    case nmb::Json::value_t::object:
+      w.begin_object();
+      for (auto it = value.begin(); it != value.end(); ++it) {
+        w.key(it.key());
+        write_value(w, it.value());
+      }
+      w.end_object();
+      break;
+    case nmb::Json::value_t::array:
+      w.begin_array();
+      for (const auto& item : value) write_value(w, item);
+      w.end_array();
+      break;
+    case nmb::Json::value_t::string:
+      w.string(value.get_ref<const std::string&>());
+      break;
+    case nmb::Json::value_t::boolean:
+      w.boolean(value.get<bool>());
+      break;
+    case nmb::Json::value_t::number_integer:
+    case nmb::Json::value_t::number_unsigned:
+    case nmb::Json::value_t::number_float:
+      w.number(value.get<double>());
+      break;
+    default:
+      w.null();
+      break;
+  }
+}
+
+// Writes the members of one schema document (the caller opened the object).
+bool write_schema(nmb::JsonWriter& w, const nmb_schema_t& schema) {
+  bool ok = true;
+  w.begin_object();
+  w.key("title");
+  w.string("Nimbrel schema");
+  w.key("nmb_version");
+  w.string(NMB_SCHEMA_CURRENT_VERSION);
+  w.key("provider_name");
+  ok &= w.string(schema.name);
+  w.key("provider_version");
+  w.string(nmb_version_to_string(schema.version));
+  w.key("types");
+  w.begin_array();
+  for (uint32_t t = 0; t < schema.num_types; ++t) {
+    const nmb_type_definition_t* type = schema.types[t].get();
+    if (type == nullptr) continue;
+    w.begin_object();
+    w.key("name");
+    ok &= w.string(type->name);
+    w.key("size");
+    w.number(static_cast<double>(type->size));
+    w.key("fields");
+    w.begin_array();
+    for (const auto& field : type->fields) {
+      w.begin_object();
+      w.key("field_name");
+      ok &= w.string(field.field_name);
+      w.key("description");
+      ok &= w.string(field.description);
+      w.key("type_name");
+      ok &= w.string(field.type_name);
+      // An unknown counting mode has no name, and the member is left out.
+      if (const char* mode = nmb_counting_mode_name(field.counting_mode)) {
+        w.key("counting_mode");
+        w.string(mode);
+      }
+      if (field.array_length > 1) {
+        w.key("array_length");
+        w.number(field.array_length);
+      }
+      w.key("offset");
+      w.number(static_cast<double>(field.offset));
+      w.key("type_size");
+      w.number(static_cast<double>(field.type_size));
+      w.key("index");
+      w.number(field.index);
+      w.end_object();
+    }
+    w.end_array();
+    w.key("type_index");
+    w.number(t);
+    w.end_object();
+  }
+  w.end_array();
+  w.end_object();
+  return ok;
+}
+
+}  // namespace
+
+std::unique_ptr<nmb_schema_t> nmb_schema_from_json(const nmb::Json& json,
+                                                   const nmb_event_field_filter_t* filter,
+                                                   bool* out_skipped) {
+  bool skipped_dummy = false;
+  if (out_skipped == nullptr) out_skipped = &skipped_dummy;
+  *out_skipped = false;
+  const nmb::Json* templ = parsed_template(kSchemaTemplate);
+  if (templ == nullptr) {
+    NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", kSchemaTemplate);
+    return nullptr;
+  }
+  if (!nmb::json_matches_template(json, *templ)) {
+    NMB_LOG(NMB_LOG_INFO, "Not an event schema");
+    return nullptr;
+  }
+  std::string version = string_member(json, "nmb_version");
+  if (!nmb_version_is_compatible(version.c_str(), NMB_SCHEMA_CURRENT_VERSION)) {
+    NMB_LOG(NMB_LOG_ERROR, "Schema version %s is incompatible with current version %s",
+            version.c_str(), NMB_SCHEMA_CURRENT_VERSION);
+    return nullptr;
+  }
+  auto schema =
+      nmb_schema_create(string_member(json, "provider_name").c_str(),
+                        nmb_version_parse(string_member(json, "provider_version").c_str()));
+  const nmb::Json& types = json["types"];
+  int position = 0;
+  for (const nmb::Json& type_json : types) {
+    if (!type_json.is_object()) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to get type #%d from JSON array", position);
+      return nullptr;
+    }
+    bool type_skipped = false;
+    auto type = type_from_json(type_json, filter, &type_skipped);
+    if (type) {
+      // The types array is fixed: a file that declares more types than it
+      // holds is refused rather than overrunning it.
+      if (schema->num_types >= NMB_MAX_TYPES) {
+        NMB_LOG(NMB_LOG_ERROR, "Schema %s has more than %u types", schema->name.c_str(),
+                NMB_MAX_TYPES);
+        return nullptr;
+      }
+      schema->types[schema->num_types++] = std::move(type);
+    } else if (!type_skipped) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to deserialize type #%d from JSON array", position);
+      return nullptr;
+    }
+    ++position;
+  }
+  *out_skipped = true;
+  if (filter != nullptr && schema->num_types == 0) {
+    NMB_LOG(NMB_LOG_DEBUG, "No types found in the schema after filtering by field set");
+    return nullptr;
+  }
+  return schema;
+}
+
+bool nmb_schema_to_json_text(const nmb_schema_t& schema, std::string& out) {
+  if (schema.num_types == 0) return false;
+  std::string text;
+  nmb::JsonWriter w(text, true);
+  if (!write_schema(w, schema)) return false;
+  out.append(text);
+  return true;
+}
+
+bool nmb_type_system_to_json_text(const nmb_type_system_t& ts, std::string& out) {
+  std::string text;
+  nmb::JsonWriter w(text, true);
+  w.begin_object();
+  w.key("name");
+  w.string("Nimbrel type system");
+  w.key("version");
+  w.string(NMB_SCHEMA_CURRENT_VERSION);
+  if (ts.counters_schema) {
+    // The counters schema writes its own document; it is re-indented here.
+    std::string counters_text = nmb_counters_schema_jsonify(*ts.counters_schema);
+    if (!counters_text.empty()) {
+      auto counters = nmb::json_parse_text(counters_text);
+      if (!counters) return false;
+      w.key("counters_schema");
+      write_value(w, *counters);
+    }
+  }
+  w.key("schemas");
+  w.begin_array();
+  for (uint32_t s = 0; s < ts.num_schemas; ++s) {
+    if (!ts.schemas[s] || ts.schemas[s]->num_types == 0) continue;
+    if (!write_schema(w, *ts.schemas[s])) return false;
+  }
+  w.end_array();
+  w.end_object();
+  out.append(text);
+  return true;
+}
+
+std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json(const nmb::Json& json) {
+  if (!json.is_object()) {
+    NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: schema is not a JSON object");
+    return nullptr;
+  }
+  auto version_it = json.find("version");
+  if (version_it == json.end() || !version_it->is_string()) {
+    NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: missing Nimbrel schema version");
+    return nullptr;
+  }
+  std::string version = version_it->get<std::string>();
+  if (nmb_version_compare(nmb_version_parse(version.c_str()), nmb_version_parse("1.4.0")) < 0) {
+    NMB_LOG(NMB_LOG_ERROR,
+            "[ts] Failed to deserialize: schema version %s is incompatible with the deserializer, "
+            "the minimal supported schema version is %s",
+            version.c_str(), "1.4.0");
+    return nullptr;
+  }
+  auto ts = nmb_type_system_create();
+  if (!ts) {
+    NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: unable to create type system object");
+    return nullptr;
+  }
+  auto decode_counters = [](const nmb::Json& value) {
+    std::string text = value.dump();
+    return nmb_counters_schema_from_text(text.data(), text.size());
+  };
+  if (auto it = json.find("counters_schema"); it != json.end()) {
+    ts->counters_schema = decode_counters(*it);
+    if (!ts->counters_schema) {
+      NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: unable to decode counters schema");
+      return nullptr;
+    }
+  }
+  auto schemas_it = json.find("schemas");
+  if (schemas_it == json.end() || !schemas_it->is_array()) {
+    if (json.contains("counter_groups")) {
+      ts->counters_schema = decode_counters(json);
+      if (!ts->counters_schema) {
+        NMB_LOG(NMB_LOG_ERROR,
+                "[ts] Failed to deserialize: unable to decode JSON as counters schema");
+        return nullptr;
+      }
+      return ts;
+    }
+    NMB_LOG(NMB_LOG_ERROR,
+            "[schema writer] schema was not recognized as either type system or counters schema");
+    return nullptr;
+  }
+  if (schemas_it->size() > NMB_MAX_SCHEMAS) {
+    NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: number of schemas %zu exceeds limit %d",
+            schemas_it->size(), static_cast<int>(NMB_MAX_SCHEMAS));
+    return nullptr;
+  }
+  int position = 0;
+  for (const nmb::Json& schema_json : *schemas_it) {
+    if (!schema_json.is_object()) {
+      NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: unable to get schema #%d from the array",
+              position);
+      return nullptr;
+    }
+    auto schema = nmb_schema_from_json(schema_json, nullptr, nullptr);
+    if (!schema) {
+      NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to deserialize: unable to decode type schema");
+      return nullptr;
+    }
+    if (!nmb_schema_fill_md5(*schema)) {
+      NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to fill schema '%s' md5 digest", schema->name.c_str());
+      return nullptr;
+    }
+    if (!nmb_schema_resolve_field_types(*schema, *ts->builtin) ||
+        !nmb_event_plans_compile(*schema)) {
+      NMB_LOG(NMB_LOG_ERROR,
+              "[ts] Failed to deserialize: unable to adjust type fields of schema %s",
+              schema->name.c_str());
+      return nullptr;
+    }
+    ts->schemas[ts->num_schemas++] = std::move(schema);
+    ++position;
+  }
+  return ts;
+}
+
+std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json_string(std::string_view text) {
+  auto json = nmb::json_parse_text(text);
+  if (!json) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed parsing schema JSON string");
+    return nullptr;
+  }
+  return nmb_type_system_from_json(*json);
+}
+
+bool nmb_md5(const void* data, size_t length, uint8_t (&digest)[16]) {
+  unsigned int size = 0;
+  return EVP_Digest(data, length, digest, &size, EVP_md5(), nullptr) == 1 && size == 16;
+}
