@@ -1,0 +1,237 @@
+#include "data/format.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+
+#include "tests/support/run_binary.h"
+#include "utils/log.h"
+#include "utils/output.h"
+
+namespace {
+
+using Header = std::array<uint8_t, NMB_FILE_HEADER_SIZE>;
+
+Header valid_header(uint8_t major = 1, uint8_t minor = 7, uint16_t patch = 0) {
+  Header h{};
+  std::memcpy(h.data(), "NMBF", 4);
+  h[NMB_FH_VERSION] = major;
+  h[NMB_FH_VERSION + 1] = minor;
+  nmb_store_u16(h.data() + NMB_FH_VERSION + 2, patch);
+  nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 256);
+  std::memcpy(h.data() + NMB_FH_MAGIC_END, "nmbf", 4);
+  return h;
+}
+
+class FileHeaderCheck : public testing::Test {
+ protected:
+  void SetUp() override { nmb_init_stderr_logger(NMB_LOG_DEBUG); }
+  void TearDown() override { nmb_logger_reset_for_tests(); }
+  // The check's result and what it logged, without timestamps.
+  std::pair<bool, std::string> check(const Header& h) {
+    testing::internal::CaptureStderr();
+    bool ok = nmb_check_file_header(h.data());
+    return {ok, nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr())};
+  }
+};
+
+TEST_F(FileHeaderCheck, OlderMinorAndAnyPatchAreCompatible) {
+  EXPECT_EQ(check(valid_header(1, 7, 9)), std::make_pair(true, std::string()));
+  EXPECT_EQ(check(valid_header(1, 3, 0)), std::make_pair(true, std::string()));
+  EXPECT_EQ(check(valid_header(1, 0, 65535)).first, true);
+}
+
+TEST_F(FileHeaderCheck, NewerMinorOrOtherMajorIsRefused) {
+  EXPECT_EQ(check(valid_header(1, 8, 0)),
+            std::make_pair(false, std::string("[error] Version of data page 1.8.0 is incompatible "
+                                              "with Nimbrel version 1.26.3\n")));
+  EXPECT_EQ(check(valid_header(2, 0, 0)).first, false);
+  EXPECT_EQ(check(valid_header(0, 7, 0)).first, false);
+}
+
+TEST_F(FileHeaderCheck, MagicIsCheckedButNotTheEndMagic) {
+  Header h = valid_header();
+  std::memcpy(h.data() + NMB_FH_MAGIC_END, "xxxx", 4);
+  EXPECT_TRUE(check(h).first);
+  h = valid_header();
+  h[3] = 'D';
+  EXPECT_EQ(check(h),
+            std::make_pair(false, std::string("[error] Wrong data page magic number.\n")));
+  h = valid_header();
+  h[0] = 'X';
+  EXPECT_FALSE(check(h).first);
+}
+
+TEST_F(FileHeaderCheck, FileSizeBelowTheHeaderIsRefused) {
+  Header h = valid_header();
+  nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 255);
+  EXPECT_EQ(check(h), std::make_pair(false, std::string("[error] Wrong data file size 255 is less "
+                                                        "then file header size 256\n")));
+  // Checked after the version: a bad version is what is reported.
+  h[NMB_FH_VERSION] = 2;
+  EXPECT_NE(check(h).second.find("Version of data page 2.7.0"), std::string::npos);
+}
+
+TEST(BlockClassification, OnlyTheFourthByteCounts) {
+  auto classify = [](const char* magic) {
+    return nmb_classify_block(reinterpret_cast<const uint8_t*>(magic));
+  };
+  EXPECT_EQ(classify("NMBD"), NMB_COUNTERS_BLOCK);
+  EXPECT_EQ(classify("XYZD"), NMB_COUNTERS_BLOCK);
+  EXPECT_EQ(classify("NMBE"), NMB_EVENTS_BLOCK);
+  EXPECT_EQ(classify("NMBS"), NMB_SCHEMAS_BLOCK);
+  EXPECT_EQ(classify("NMBB"), NMB_BLOB_BLOCK);
+  EXPECT_EQ(classify("NMBP"), NMB_PAGE_BLOCK);
+  EXPECT_EQ(classify("NMBX"), NMB_CNTX_BLOCK);
+  // The table's edges and beyond it, and the file header's own letter.
+  EXPECT_EQ(classify("NMBC"), NMB_UNKNOWN_BLOCK);
+  EXPECT_EQ(classify("NMBF"), NMB_UNKNOWN_BLOCK);
+  EXPECT_EQ(classify("NMBA"), NMB_UNKNOWN_BLOCK);
+  EXPECT_EQ(classify("NMBY"), NMB_UNKNOWN_BLOCK);
+  EXPECT_EQ(classify("NMBd"), NMB_UNKNOWN_BLOCK);
+  const uint8_t zeros[4] = {};
+  EXPECT_EQ(nmb_classify_block(zeros), NMB_UNKNOWN_BLOCK);
+  const uint8_t high[4] = {0, 0, 0, 0xFF};
+  EXPECT_EQ(nmb_classify_block(high), NMB_UNKNOWN_BLOCK);
+}
+
+TEST(BlockClassification, TypeNames) {
+  EXPECT_STREQ(nmb_block_type_name(NMB_COUNTERS_BLOCK), "NMB_COUNTERS_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_EVENTS_BLOCK), "NMB_EVENTS_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_SCHEMAS_BLOCK), "NMB_SCHEMAS_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_BLOB_BLOCK), "NMB_BLOB_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_PAGE_BLOCK), "NMB_PAGE_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_CNTX_BLOCK), "NMB_CNTX_BLOCK");
+  EXPECT_STREQ(nmb_block_type_name(NMB_UNKNOWN_BLOCK), "Unknown block");
+  EXPECT_STREQ(nmb_block_type_name(-1), "Unknown block");
+  EXPECT_STREQ(nmb_block_type_name(7), "Unknown block");
+}
+
+TEST(SchemaId, TextIsLowerCaseHexInStorageOrder) {
+  uint8_t id[16];
+  for (int i = 0; i < 16; ++i) id[i] = static_cast<uint8_t>(i * 17 + 10);
+  EXPECT_EQ(nmb_schema_id_to_string(id), "0a1b2c3d4e5f708192a3b4c5d6e7f809");
+  EXPECT_FALSE(nmb_schema_id_is_zero(id));
+  uint8_t zero[16] = {};
+  EXPECT_TRUE(nmb_schema_id_is_zero(zero));
+  EXPECT_EQ(nmb_schema_id_to_string(zero), std::string(32, '0'));
+}
+
+// Takes what the prints appended to the standard output buffer.
+std::string take_stdout() {
+  std::string text = nmb::stdout_buffer().text();
+  nmb::stdout_buffer().text().clear();
+  return text;
+}
+
+TEST(HeaderPrints, FileHeader) {
+  take_stdout();
+  Header h = valid_header(1, 7, 3);
+  nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 4352);
+  // A source id filling all 64 bytes is printed without running into the tag.
+  std::memset(h.data() + NMB_FH_SOURCE_ID, 'a', 64);
+  std::memcpy(h.data() + NMB_FH_SOURCE_TAG, "tag", 3);
+  nmb_store_u64(h.data() + NMB_FH_FIRST_TIMESTAMP, 1700000000000000);
+  nmb_store_u64(h.data() + NMB_FH_LAST_TIMESTAMP, 18446744073709551615u);
+  nmb_store_u32(h.data() + NMB_FH_BLOCK_SIZE, 4096);
+  h[NMB_FH_COUNTERS_SCHEMA_ID] = 0xAB;
+  h[NMB_FH_EVENT_SCHEMA_IDS + 16 + 15] = 0x01;
+  h[NMB_FH_BYTE_ORDER] = 2;
+  nmb_print_file_header(h.data());
+  const std::string zero(32, '0');
+  EXPECT_EQ(take_stdout(),
+            "Data file header\n"
+            " magic number         = NMBF\n"
+            " version              = 1.7.3\n"
+            " file size            = 4352\n"
+            " source id            = " +
+                std::string(64, 'a') +
+                "\n"
+                " source tag           = tag\n"
+                " first timestamp      = 1700000000000000\n"
+                " last timestamp       = 18446744073709551615\n"
+                " data block size      = 4096\n"
+                " counters schema id   = ab" +
+                std::string(30, '0') +
+                "\n"
+                " schema id[0]         = " +
+                zero +
+                "\n"
+                " schema id[1]         = " +
+                std::string(30, '0') +
+                "01\n"
+                " schema id[2]         = " +
+                zero +
+                "\n"
+                " schema id[3]         = " +
+                zero +
+                "\n"
+                " schema id[4]         = " +
+                zero +
+                "\n"
+                " schema id[5]         = " +
+                zero +
+                "\n"
+                " schema id[6]         = " +
+                zero +
+                "\n"
+                " byte order           = 2 (BE)\n"
+                " end magic number     = nmbf\n");
+}
+
+TEST(HeaderPrints, BlockHeaders) {
+  take_stdout();
+  uint8_t block[32] = {'N', 'M', 'B', 'D'};
+  nmb_store_u64(block + 8, 123456789);
+  nmb_print_counters_block_header(block);
+  EXPECT_EQ(take_stdout(),
+            "Data block\n"
+            " magic number         = NMBD\n"
+            " last timestamp       = 123456789\n");
+
+  uint8_t event[16] = {'N', 'M', 'B', 'E'};
+  nmb_store_u64(event + 4, 42);
+  event[12] = 3;
+  nmb_store_u16(event + 13, 513);
+  event[15] = 255;
+  nmb_print_event_block_header(event);
+  EXPECT_EQ(take_stdout(),
+            "Event header\n"
+            " magic number         = NMBE\n"
+            " schema index         = 3\n"
+            " type index           = 513\n"
+            " number of events     = 255\n");
+
+  uint8_t blob[20] = {'N', 'M', 'B', 'B'};
+  nmb_store_u64(blob + 4, 7);
+  nmb_store_u64(blob + 12, 1000);
+  nmb_print_blob_block_header(blob);
+  EXPECT_EQ(take_stdout(),
+            "Blob block\n"
+            " magic number         = NMBB\n"
+            " timestamp            = 7\n"
+            " data size            = 1000\n");
+}
+
+TEST(HeaderPrints, FieldTables) {
+  take_stdout();
+  nmb_print_counters_block_fields();
+  EXPECT_EQ(take_stdout(),
+            "Field                       Offset    Size\n"
+            " header.magic               0         4\n"
+            " padding                    4         4\n"
+            " timestamp                  8         8\n"
+            " values[]                   16      \n");
+  nmb_print_file_header_fields();
+  std::string table = take_stdout();
+  EXPECT_NE(table.find(" event_schema_ids           132       112\n"), std::string::npos);
+  EXPECT_NE(table.find(" magic_end                  252       4\n"), std::string::npos);
+  nmb_print_event_block_fields();
+  EXPECT_NE(take_stdout().find(" type_index                 13        2\n"), std::string::npos);
+  nmb_print_blob_block_fields();
+  EXPECT_NE(take_stdout().find(" data_size                  12        8\n"), std::string::npos);
+}
+
+}  // namespace
