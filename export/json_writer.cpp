@@ -36,6 +36,7 @@ struct EscapeTable {
 constexpr EscapeTable kEscapes;
 
 std::string_view until_nul(std::string_view text) {
+  if (text.empty()) return text;
   const void* nul = std::memchr(text.data(), 0, text.size());
   if (nul == nullptr) return text;
   return text.substr(0, static_cast<size_t>(static_cast<const char*>(nul) - text.data()));
