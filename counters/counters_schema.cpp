@@ -6,7 +6,10 @@
 #include <cstring>
 #include <optional>
 
+#include <openssl/evp.h>
+
 #include "counters/counters_export.h"
+#include "export/json_writer.h"
 #include "utils/json_input.h"
 #include "utils/log.h"
 
@@ -331,10 +334,85 @@ uint32_t nmb_counters_schema_number_of_counters(const nmb_counters_schema_t& sch
   return count;
 }
 
-std::string nmb_counters_schema_jsonify(const nmb_counters_schema_t&) {
-  return {};
+namespace {
+
+// Writes a string member; false when the text is not valid UTF-8.
+bool string_member(nmb::JsonWriter& w, const char* key, const char* text) {
+  if (text == nullptr) return true;  // a missing name leaves the member out
+  w.key(key);
+  return w.string(text);
 }
 
-bool nmb_counters_schema_md5(const nmb_counters_schema_t&, uint8_t (&)[16]) {
-  return false;
+bool jsonify_counter(nmb::JsonWriter& w, const nmb_counter_info_t& counter) {
+  w.begin_object();
+  bool ok = string_member(w, "name", counter.name.c_str()) &&
+            string_member(w, "description", counter.description.c_str()) &&
+            string_member(w, "units", counter.units.c_str()) &&
+            string_member(w, "data_type", nmb_counter_data_type_name(counter.data_type));
+  if (!ok) return false;
+  w.key("length");
+  w.number(counter.length);
+  w.key("offset");
+  w.number(counter.offset);
+  w.key("hidden");
+  w.number(counter.hidden ? 1 : 0);
+  w.key("mandatory");
+  w.number(counter.mandatory ? 1 : 0);
+  if (!string_member(w, "counting_type", nmb_counting_type_name(counter.counting_type)) ||
+      !string_member(w, "string_format", nmb_string_format_name(counter.string_format)))
+    return false;
+  w.key("index");
+  w.number(counter.index);
+  w.end_object();
+  return true;
+}
+
+bool jsonify_group(nmb::JsonWriter& w, const nmb_counter_group_t& group) {
+  w.begin_object();
+  if (!string_member(w, "granularity", nmb_granularity_name(group.granularity)) ||
+      !string_member(w, "name", group.has_name ? group.name.c_str() : nullptr) ||
+      !string_member(w, "provider", group.has_provider ? group.provider.c_str() : nullptr))
+    return false;
+  w.key("num_counter_sets");
+  w.number(group.num_counter_sets);
+  w.key("num_counters");
+  w.number(group.num_counters);
+  w.key("counters");
+  w.begin_array();
+  for (const auto& counter : group.counters)
+    if (!jsonify_counter(w, counter)) return false;
+  w.end_array();
+  w.end_object();
+  return true;
+}
+
+}  // namespace
+
+std::string nmb_counters_schema_jsonify(const nmb_counters_schema_t& schema) {
+  std::string text;
+  nmb::JsonWriter w(text, true);
+  w.begin_object();
+  w.key("title");
+  w.string("Nimbrel performance counters collector");
+  w.key("version");
+  w.string(NMB_COUNTERS_SCHEMA_VERSION);
+  w.key("counter_groups");
+  w.begin_array();
+  for (size_t i = 0; i < schema.groups.size(); ++i) {
+    if (!jsonify_group(w, schema.groups[i])) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to JSONify counter group #%d", static_cast<int>(i));
+      return {};
+    }
+  }
+  w.end_array();
+  w.end_object();
+  return text;
+}
+
+bool nmb_counters_schema_md5(const nmb_counters_schema_t& schema, uint8_t (&digest)[16]) {
+  std::string text = nmb_counters_schema_jsonify(schema);
+  if (text.empty()) return false;
+  unsigned int length = 0;
+  return EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr) == 1 &&
+         length == 16;
 }
