@@ -12,20 +12,18 @@ rm -rf "$data" && mkdir -p "$data"
 build/release/bench/make_bench_data "$data" "$scale"
 ls -l "$data"
 
+# Prints user CPU and wall-clock seconds of one run (output discarded).
 measure() {  # label, then the nmb_read arguments
   local label=$1
   shift
-  local start end
-  start=$(date +%s.%N)
-  build/release/nmb_read -v 3 -s "$data/schema" "$@" >/dev/null
-  end=$(date +%s.%N)
-  awk -v l="$label" -v s="$start" -v e="$end" 'BEGIN { printf "%s: %.3f s\n", l, e - s }'
+  local TIMEFORMAT="$label: %U s user, %R s real"
+  time build/release/nmb_read -v 3 -s "$data/schema" "$@" >/dev/null
 }
 
 for format in ndjson json txt; do
-  measure "counters_10   $format (2M values/scale)" -f $format "$data/counters_10.bin"
-  measure "counters_5000 $format (2M values/scale)" -f $format "$data/counters_5000.bin"
+  measure "counters_10   $format (2M values per scale unit)" -f $format "$data/counters_10.bin"
+  measure "counters_5000 $format (2M values per scale unit)" -f $format "$data/counters_5000.bin"
 done
 for format in ndjson json; do
-  measure "events        $format" -f $format "$data/events.bin"
+  measure "events        $format (306k records per scale unit)" -f $format "$data/events.bin"
 done
