@@ -18,33 +18,125 @@ constexpr uint64_t kStart = 1700000000000000;  // 2023-11-14 22:13:20 UTC
 constexpr uint64_t kSecond = 1000000;
 constexpr uint32_t kBlockSize = 1024;
 
-// The counters every sample counters block carries, in block order.
+// ---- counters schema of the sample (engineer C) ----
+// The counters every sample counters block carries, in block order: a
+// realistic node schema of several groups and a few hundred counters (node
+// totals, per-CPU ticks, per-package energy, InfiniBand port counters).
+// Every value size is a multiple of 8, so values stay 8-byte aligned.
+constexpr uint32_t kCountersBlockSize = 4096;
+
 CountersSchema sample_counters_schema() {
-  CountersSchema schema;
+  auto add = [](CounterGroup& group, std::string name, std::string type = "UINT64",
+                std::string counting = "ABSOLUTE", std::string units = "",
+                std::string format = "") {
+    Counter c;
+    c.name = std::move(name);
+    c.data_type = std::move(type);
+    c.counting_type = std::move(counting);
+    c.units = std::move(units);
+    c.description = c.name;
+    if (!format.empty()) c.string_format = std::move(format);
+    if (c.data_type == "STRING") c.length = c.name == "kernel_release" ? 32 : 16;
+    group.add(std::move(c));
+  };
   CounterGroup node("node");
-  node.granularity = "NODE";
-  node.provider = "sample";
-  node.counter("uptime_seconds")
-      .counter("context_switches")
-      .counter("load_average", "FP64")
-      .counter("free_memory_delta", "INT64")
-      .counter("hostname", "STRING", 16);
-  node.counters[1].counting_type = "RUNNING_SUM";
-  node.counters[0].units = "s";
-  node.counters[3].units = "B";
-  CounterGroup port("port");
-  port.provider = "sample";
-  port.counter("port_xmit_data").counter("port_rcv_data").counter("port_state", "BIT64");
-  port.counters[0].counting_type = "RUNNING_SUM";
-  port.counters[1].counting_type = "RUNNING_SUM";
-  Counter guid;
-  guid.name = "port_guid";
-  guid.data_type = "UINT128";
-  guid.string_format = "HEXADECIMAL";
-  port.add(guid);
-  schema.group(std::move(node)).group(std::move(port));
+  node.provider = "node_stats";
+  add(node, "uptime_seconds", "UINT64", "ABSOLUTE", "s");
+  add(node, "context_switches", "UINT64", "RUNNING_SUM");
+  add(node, "interrupts", "UINT64", "RUNNING_SUM");
+  add(node, "processes_running");
+  add(node, "load_average_1m", "FP64");
+  add(node, "load_average_5m", "FP64");
+  add(node, "load_average_15m", "FP64");
+  add(node, "memory_total_bytes", "UINT64", "ABSOLUTE", "B");
+  add(node, "memory_available_bytes", "UINT64", "ABSOLUTE", "B");
+  add(node, "free_memory_delta", "INT64", "DELTA", "B");
+  add(node, "swap_used_bytes", "UINT64", "ABSOLUTE", "B");
+  add(node, "hostname", "STRING");
+  add(node, "kernel_release", "STRING");
+  add(node, "boot_id", "UINT128", "ABSOLUTE", "", "UUID");
+  add(node, "system_image_guid", "UINT64", "ABSOLUTE", "", "DECIMAL");
+  add(node, "node_state", "BIT64");
+
+  CounterGroup cpu("cpu");
+  cpu.granularity = "CPU";
+  cpu.provider = "cpu_stats";
+  for (int i = 0; i < 16; ++i) {
+    std::string prefix = "cpu" + std::to_string(i) + "_";
+    add(cpu, prefix + "user_ticks", "UINT64", "RUNNING_SUM", "ticks");
+    add(cpu, prefix + "system_ticks", "UINT64", "RUNNING_SUM", "ticks");
+    add(cpu, prefix + "idle_ticks", "UINT64", "RUNNING_SUM", "ticks");
+    add(cpu, prefix + "iowait_ticks", "UINT64", "RUNNING_SUM", "ticks");
+    add(cpu, prefix + "frequency_mhz", "UINT64", "ABSOLUTE", "MHz");
+    add(cpu, prefix + "utilisation", "FP64", "ABSOLUTE", "%");
+  }
+
+  CounterGroup package("package");
+  package.granularity = "PACKAGE";
+  package.provider = "rapl";
+  for (int i = 0; i < 2; ++i) {
+    std::string prefix = "package" + std::to_string(i) + "_";
+    add(package, prefix + "energy_uj", "UINT64", "RUNNING_SUM", "uJ");
+    add(package, prefix + "dram_energy_uj", "UINT64", "RUNNING_SUM", "uJ");
+    add(package, prefix + "temperature_c", "FP64", "ABSOLUTE", "C");
+    add(package, prefix + "power_limit_w", "FP64", "ABSOLUTE", "W");
+    add(package, prefix + "throttle_events", "UINT64", "RUNNING_SUM");
+    add(package, prefix + "c6_residency", "FP64", "ABSOLUTE", "%");
+  }
+
+  CounterGroup ports("hca_ports");
+  ports.provider = "infiniband";
+  const char* const kPortCounters[] = {"port_xmit_data",
+                                       "port_rcv_data",
+                                       "port_xmit_packets",
+                                       "port_rcv_packets",
+                                       "port_unicast_xmit_packets",
+                                       "port_unicast_rcv_packets",
+                                       "port_multicast_xmit_packets",
+                                       "port_multicast_rcv_packets",
+                                       "symbol_error",
+                                       "link_error_recovery",
+                                       "link_downed",
+                                       "port_rcv_errors",
+                                       "port_rcv_remote_physical_errors",
+                                       "port_rcv_switch_relay_errors",
+                                       "port_xmit_discards",
+                                       "port_xmit_constraint_errors",
+                                       "port_rcv_constraint_errors",
+                                       "local_link_integrity_errors",
+                                       "excessive_buffer_overrun_errors",
+                                       "vl15_dropped",
+                                       "port_xmit_wait",
+                                       "rx_write_requests",
+                                       "rx_read_requests",
+                                       "rx_atomic_requests",
+                                       "out_of_buffer",
+                                       "out_of_sequence",
+                                       "duplicate_request",
+                                       "rnr_nak_retry_err",
+                                       "packet_seq_err",
+                                       "implied_nak_seq_err",
+                                       "local_ack_timeout_err",
+                                       "resp_local_length_error",
+                                       "roce_adp_retrans",
+                                       "np_cnp_sent",
+                                       "rp_cnp_handled"};
+  for (int adapter = 0; adapter < 2; ++adapter) {
+    for (int port = 1; port <= 2; ++port) {
+      std::string prefix = "mlx5_" + std::to_string(adapter) + "_port" + std::to_string(port) + "_";
+      add(ports, prefix + "port_guid", "UINT64", "ABSOLUTE", "", "DECIMAL");
+      add(ports, prefix + "port_state", "BIT64");
+      for (const char* name : kPortCounters) add(ports, prefix + name, "UINT64", "RUNNING_SUM");
+    }
+  }
+  CountersSchema schema;
+  schema.group(std::move(node))
+      .group(std::move(cpu))
+      .group(std::move(package))
+      .group(std::move(ports));
   return schema;
 }
+// ---- end of the counters schema of the sample ----
 
 // Size of one counter's value in a block (packed without padding).
 size_t counter_value_size(const Counter& counter) {
@@ -156,7 +248,7 @@ void make_sample(const std::string& folder) {
   SchemaId events_id = write_schema_file(schema_dir, sample_event_schema());
 
   DataFile counters_file = sample_file("counters", 3);
-  counters_file.counters_schema(counters_id);
+  counters_file.block_size(kCountersBlockSize).counters_schema(counters_id);
   for (int s = 0; s < 3; ++s)
     counters_file.chunk(Chunk().counters(kStart + static_cast<uint64_t>(s) * kSecond,
                                          sample_counter_values(counters, s)));
@@ -169,7 +261,7 @@ void make_sample(const std::string& folder) {
 
   // gzip pages holding counters blocks, each block padded to a chunk of its own.
   DataFile gzip_file = sample_file("packed_gzip", 4);
-  gzip_file.counters_schema(counters_id);
+  gzip_file.block_size(kCountersBlockSize).counters_schema(counters_id);
   Chunk gzip_chunk;
   for (int page = 0; page < 2; ++page) {
     ByteVec content;
@@ -177,7 +269,7 @@ void make_sample(const std::string& folder) {
       ByteVec block = Chunk()
                           .counters(kStart + static_cast<uint64_t>(s) * kSecond,
                                     sample_counter_values(counters, s))
-                          .bytes(256);
+                          .bytes(kCountersBlockSize);
       content.insert(content.end(), block.begin(), block.end());
     }
     gzip_chunk.page(PackedPage('G')
