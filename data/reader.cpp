@@ -103,6 +103,8 @@ bool allocation_failed(uint64_t size) {
 
 }  // namespace
 
+nmb_reader_context_t::nmb_reader_context_t() = default;
+
 nmb_reader_context_t::~nmb_reader_context_t() {
   if (file != nullptr) gzclose(file);
 }

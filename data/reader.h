@@ -23,7 +23,7 @@ struct nmb_reader_context_t {  // one per data file
   // Metadata of -M is kept here once that enrichment exists.
   uint32_t records_written = 0;  // drives the json ",\n" separator
 
-  nmb_reader_context_t() = default;
+  nmb_reader_context_t();
   nmb_reader_context_t(const nmb_reader_context_t&) = delete;
   nmb_reader_context_t& operator=(const nmb_reader_context_t&) = delete;
   ~nmb_reader_context_t();
