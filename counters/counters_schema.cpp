@@ -269,12 +269,9 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_load_file(
 }
 
 bool nmb_counters_schema_has_counters(const nmb_counters_schema_t& schema) {
-  uint32_t count = 0;
-  for (const auto& group : schema.groups) {
-    if (group.num_counter_sets != 1) return false;
-    count += group.num_counters;
-  }
-  return count != 0;
+  for (const auto& group : schema.groups)
+    if (group.num_counters != 0) return true;
+  return false;
 }
 
 void nmb_counters_schema_update_counter_offsets(nmb_counters_schema_t& schema) {

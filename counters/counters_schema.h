@@ -110,8 +110,10 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_load_file(
 std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_from_text(
     const char* text, size_t length, const nmb_counter_filter_t* filter = nullptr);
 
-// True when the schema has at least one counter by the counter count rule
-// (every group holding exactly one counter set), quietly.
+// True when some group holds at least one counter: the reader exports
+// counters blocks only then. Groups of any number of counter sets count (a
+// group with several sets repeats its values, one with none writes no
+// values), unlike nmb_counters_schema_number_of_counters.
 bool nmb_counters_schema_has_counters(const nmb_counters_schema_t& schema);
 
 void nmb_counters_schema_update_counter_offsets(nmb_counters_schema_t& schema);
