@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 
 #include "counters/counters_export.h"
+#include "data/type_system.h"
 #include "export/json_writer.h"
 #include "utils/json_input.h"
 #include "utils/log.h"
@@ -79,23 +80,6 @@ uint64_t number_bits(double value) {
   if (!std::isfinite(value) || value >= 9223372036854775808.0 || value < -9223372036854775808.0)
     return 0;
   return static_cast<uint64_t>(static_cast<int64_t>(value));
-}
-
-// Versions are "major.minor.patch"; only major and minor matter here.
-bool version_parse(const char* text, unsigned& major, unsigned& minor) {
-  unsigned char ma = 0, mi = 0;
-  unsigned short patch = 0;
-  if (std::sscanf(text, "%hhu.%hhu .%hu", &ma, &mi, &patch) < 2) return false;
-  major = ma;
-  minor = mi;
-  return major != 0 || minor != 0 || patch != 0;
-}
-
-bool version_compatible(const char* version, const char* current) {
-  unsigned major = 0, minor = 0, cur_major = 0, cur_minor = 0;
-  if (!version_parse(version, major, minor) || !version_parse(current, cur_major, cur_minor))
-    return false;
-  return major == cur_major && cur_minor >= minor;
 }
 
 std::optional<nmb_counter_info_t> counter_from_json(const Json& value) {
@@ -214,7 +198,7 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_from_json(
   }
   // An incompatible version is only reported: counters schemas load anyway.
   std::string version = *get_string(value, "version");
-  if (!version_compatible(version.c_str(), NMB_COUNTERS_SCHEMA_VERSION)) {
+  if (!nmb_version_is_compatible(version.c_str(), NMB_COUNTERS_SCHEMA_VERSION)) {
     NMB_LOG(NMB_LOG_ERROR,
             "Version '%s' of parsing schema is incompatible with current schema version '%s'",
             version.c_str(), NMB_COUNTERS_SCHEMA_VERSION);
