@@ -45,18 +45,26 @@ const char* lookup_name(const char* const (&names)[N], int32_t value) {
   return value >= 0 && static_cast<size_t>(value) < N ? names[value] : nullptr;
 }
 
-// Templates are literals; each is parsed once.
-const Json* parsed_template(const char* text) {
-  static std::optional<Json> schema = nmb::json_parse_text(kSchemaTemplate);
-  static std::optional<Json> group = nmb::json_parse_text(kGroupTemplate);
-  static std::optional<Json> counter = nmb::json_parse_text(kCounterTemplate);
-  const std::optional<Json>& found =
-      text == kSchemaTemplate ? schema : (text == kGroupTemplate ? group : counter);
-  if (!found) {
-    NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", text);
-    return nullptr;
+// Matches a document part against its template (a literal, parsed once).
+bool matches(const Json& value, const char* templ_text, const std::optional<Json>& templ) {
+  if (!templ) {
+    NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", templ_text);
+    return false;
   }
-  return &*found;
+  return nmb::json_matches_template(value, *templ);
+}
+
+bool matches_schema(const Json& value) {
+  static const std::optional<Json> templ = nmb::json_parse_text(kSchemaTemplate);
+  return matches(value, kSchemaTemplate, templ);
+}
+bool matches_group(const Json& value) {
+  static const std::optional<Json> templ = nmb::json_parse_text(kGroupTemplate);
+  return matches(value, kGroupTemplate, templ);
+}
+bool matches_counter(const Json& value) {
+  static const std::optional<Json> templ = nmb::json_parse_text(kCounterTemplate);
+  return matches(value, kCounterTemplate, templ);
 }
 
 // A string member as the C string it would be (cut at a zero byte); empty
@@ -83,9 +91,7 @@ uint64_t number_bits(double value) {
 }
 
 std::optional<nmb_counter_info_t> counter_from_json(const Json& value) {
-  const Json* templ = parsed_template(kCounterTemplate);
-  if (!templ) return std::nullopt;
-  if (!nmb::json_matches_template(value, *templ)) {
+  if (!matches_counter(value)) {
     NMB_LOG(NMB_LOG_ERROR, "JSON does not match schema '%s'", kCounterTemplate);
     return std::nullopt;
   }
@@ -107,9 +113,7 @@ std::optional<nmb_counter_info_t> counter_from_json(const Json& value) {
 
 std::optional<nmb_counter_group_t> group_from_json(const Json& value,
                                                    const nmb_counter_filter_t* filter) {
-  const Json* templ = parsed_template(kGroupTemplate);
-  if (!templ) return std::nullopt;
-  if (!nmb::json_matches_template(value, *templ)) {
+  if (!matches_group(value)) {
     NMB_LOG(NMB_LOG_ERROR, "JSON does not match schema '%s'", kGroupTemplate);
     return std::nullopt;
   }
@@ -190,9 +194,7 @@ const char* nmb_granularity_name(int32_t value) {
 
 std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_from_json(
     const Json& value, const nmb_counter_filter_t* filter) {
-  const Json* templ = parsed_template(kSchemaTemplate);
-  if (!templ) return nullptr;
-  if (!nmb::json_matches_template(value, *templ)) {
+  if (!matches_schema(value)) {
     NMB_LOG(NMB_LOG_WARNING, "JSON does not match schema '%s'", kSchemaTemplate);
     return nullptr;
   }

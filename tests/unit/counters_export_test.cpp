@@ -179,6 +179,22 @@ TEST_F(CountersExport, ValuesPastTheBlockReadAsZeros) {
             R"({"timestamp":0,"@timestamp":"1970-01-01 00:00:00.000","groups":[)"
             R"({"granularity":"NODE","name":"g","counter_sets":[{"a":1,"s":"xyz",)"
             R"("w":"00000000000000000000000000000000","z":""}]}]})");
+  // Offsets and lengths from a hostile document: a zero-length STRING leaves
+  // the later counters at their document offsets, here at the very end of the
+  // 32-bit range.
+  std::string hostile = R"({"version":"1.5.0","counter_groups":[{"granularity":"NODE",)"
+                        R"("num_counters":0,"num_counter_sets":1,"counters":[)"
+                        R"({"name":"z","description":"","units":"","data_type":"STRING",)"
+                        R"("counting_type":"ABSOLUTE"},)"
+                        R"({"name":"w","description":"","units":"","data_type":"INT128",)"
+                        R"("counting_type":"ABSOLUTE","offset":4294967295},)"
+                        R"({"name":"s","description":"","units":"","data_type":"STRING",)"
+                        R"("counting_type":"ABSOLUTE","offset":4,"length":4294967295}]}]})";
+  auto far = nmb_counters_schema_from_text(hostile.data(), hostile.size());
+  ASSERT_TRUE(far);
+  EXPECT_NE(compact(*far, Bytes().text("abcdefgh"))
+                .find(R"({"z":"","w":"00000000000000000000000000000000","s":"efgh"})"),
+            std::string::npos);
   // A block too short even for its header.
   std::string out;
   ByteVec tiny = {'N', 'M', 'B', 'D'};
