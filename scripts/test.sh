@@ -17,6 +17,6 @@ cmake --build build/fuzz --target fuzz_reader make_fuzz_seeds
 mkdir -p build/fuzz/corpus build/fuzz/artifacts
 build/fuzz/fuzz/make_fuzz_seeds build/fuzz/corpus
 build/fuzz/fuzz/fuzz_reader -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=4096 \
-  -close_fd_mask=3 -artifact_prefix=build/fuzz/artifacts/ build/fuzz/corpus 2>build/fuzz/fuzz.log ||
+  -close_fd_mask=3 -dict=fuzz/reader.dict -artifact_prefix=build/fuzz/artifacts/ build/fuzz/corpus 2>build/fuzz/fuzz.log ||
   { tail -n 60 build/fuzz/fuzz.log; echo "fuzz_reader failed; see build/fuzz/fuzz.log" >&2; exit 1; }
 tail -n 1 build/fuzz/fuzz.log
