@@ -250,9 +250,10 @@ std::vector<const char*> nmb_schema_get_indexed_field_names(const nmb_schema_t* 
 
 namespace {
 
-// Values one record of a type may expand to. Nested arrays multiply: a few
-// bytes of schema could otherwise ask for billions of values per record.
-constexpr uint64_t kMaxValuesPerRecord = uint64_t{1} << 24;
+// Values one record of a type may expand to (a char string counts one value
+// per 8 bytes of it). Nested arrays multiply: a few bytes of schema could
+// otherwise ask for billions of values, gigabytes of text, per record.
+constexpr uint64_t kMaxValuesPerRecord = uint64_t{1} << 20;
 
 enum class Visit : uint8_t { kNew, kOpen, kDone };
 
@@ -283,7 +284,7 @@ bool check_type(const nmb_type_definition_t* type, const nmb_schema_t& schema,
     }
     bool chars = field.array_length > 1 && (field.type->type_code == NMB_TYPE_CHAR ||
                                             field.type->type_code == NMB_TYPE_UNSIGNED_CHAR);
-    total += chars ? 1 : per_element * field.array_length;
+    total += chars ? 1 + field.array_length / 8 : per_element * field.array_length;
     if (total > kMaxValuesPerRecord) {
       NMB_LOG(NMB_LOG_ERROR, "Type %s of schema %s has more than %llu values per record",
               type->name.c_str(), schema.name.c_str(),

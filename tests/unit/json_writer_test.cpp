@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -130,6 +134,33 @@ TEST(JsonWriter, Numbers) {
   EXPECT_FALSE(nmb::json_append_number(out, std::numeric_limits<double>::infinity()));
   EXPECT_FALSE(nmb::json_append_number(out, -std::numeric_limits<double>::infinity()));
   EXPECT_EQ(out, "x");
+}
+
+TEST(JsonWriter, NumbersMatchPrintfAndParseBack) {
+  // Random bit patterns cover every exponent; integers near the fast-path
+  // limit cover its edge.
+  uint64_t state = 0x9E3779B97F4A7C15ULL;
+  std::vector<double> values;
+  for (int i = 0; i < 20000; ++i) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    double value;
+    std::memcpy(&value, &state, sizeof value);
+    if (std::isfinite(value)) values.push_back(value);
+    values.push_back(static_cast<double>(static_cast<int64_t>(state >> (i % 64))));
+  }
+  for (double edge : {1e17 - 16, 1e17 - 8, 1e17 + 16, 9007199254740992.0, 123456789012345678.0}) {
+    values.push_back(edge);
+    values.push_back(-edge);
+  }
+  for (double value : values) {
+    char expected[40];
+    std::snprintf(expected, sizeof expected, "%1.17g", value);
+    std::string text = number_text(value);
+    ASSERT_EQ(text, expected);
+    ASSERT_EQ(std::strtod(text.c_str(), nullptr), value);
+  }
 }
 
 TEST(JsonWriter, StringEscapes) {
