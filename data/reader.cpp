@@ -135,6 +135,8 @@ bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
     NMB_LOG(NMB_LOG_ERROR, "Failed to open data file %s: %s", path, std::strerror(errno));
     return false;
   }
+  // Fewer, larger reads of plain files; must precede the first read.
+  gzbuffer(reader.file, 128 * 1024);
   if (options.format == NMB_FORMAT_BIN) {
     // -f bin: the client id and the data file writer (output folder) are
     // created here once the writer exists.
@@ -240,7 +242,7 @@ bool nmb_reader_process_block(nmb_reader_context_t& reader, std::span<const uint
 bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk) {
   const uint8_t* data = chunk.data();
   const size_t n = chunk.size();
-  std::vector<uint8_t> page;  // decoded page, followed by zero slack
+  std::vector<uint8_t>& page = reader.page_buffer;  // decoded page, followed by zero slack
   size_t p = 0;
   // A packed page needs magic, the size and stream size fields and a
   // trailer: fewer than 10 bytes can never hold one.

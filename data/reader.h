@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "app/options.h"
 #include "data/format.h"
@@ -21,7 +22,8 @@ struct nmb_reader_context_t {  // one per data file
   uint8_t header[NMB_FILE_HEADER_SIZE] = {};
   std::unique_ptr<nmb_type_system_t> type_system;  // rebuilt by every schema load
   // Metadata of -M is kept here once that enrichment exists.
-  uint32_t records_written = 0;  // drives the json ",\n" separator
+  uint32_t records_written = 0;      // drives the json ",\n" separator
+  std::vector<uint8_t> page_buffer;  // decoded packed page, reused for every page
 
   nmb_reader_context_t();
   nmb_reader_context_t(const nmb_reader_context_t&) = delete;
