@@ -39,6 +39,8 @@ enum class Render : uint8_t {
 struct CounterRender {
   Render render = Render::kSignedNumber;
   int32_t format = 0;
+  // A GUID-like name in DECIMAL format: hex text while the GUID switch is on.
+  bool guid_switched = false;
   uint32_t offset = 0;
   uint32_t length = 0;
   const char* name = nullptr;  // the schema's copy (for messages)
@@ -61,6 +63,7 @@ struct GroupPlan {
   std::vector<Member> members;
 };
 
+// Read from the environment on the first counter value written.
 bool guid_conversion_switch() {
   static const bool on = nmb_read_guid_conversion_switch();
   return on;
@@ -74,11 +77,7 @@ CounterRender compile_counter(const nmb_counter_info_t& counter) {
   r.name = counter.name.c_str();
   const int32_t format = counter.string_format;
   const bool has_guid = nmb_name_has_guid(r.name);
-  if (format == NMB_STRING_FORMAT_DECIMAL && guid_conversion_switch() &&
-      nmb_is_guid_field_name(r.name)) {
-    r.render = Render::kHex;
-    return r;
-  }
+  r.guid_switched = format == NMB_STRING_FORMAT_DECIMAL && nmb_is_guid_field_name(r.name);
   const bool plain = format == NMB_STRING_FORMAT_DEFAULT || format == NMB_STRING_FORMAT_DECIMAL;
   switch (counter.data_type) {
     case NMB_COUNTER_DATA_TYPE_UINT64:
@@ -125,7 +124,8 @@ void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
 // Writes one counter value; false when it cannot be a JSON value.
 bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const uint8_t> values) {
   char text[kValueTextRoom];
-  switch (r.render) {
+  const Render render = guid_conversion_switch() && r.guid_switched ? Render::kHex : r.render;
+  switch (render) {
     case Render::kUnsignedNumber:
       return w.number(static_cast<double>(nmb::counters::read_u64(values, r.offset)));
     case Render::kSignedNumber:
@@ -153,7 +153,7 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
       uint64_t bits = nmb::counters::read_u64(values, r.offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
-      if (r.render == Render::kDoubleNumber) return w.number(value);
+      if (render == Render::kDoubleNumber) return w.number(value);
       quoted_ascii(w, text, nmb::counters::format_fp64(r.format, value, text));
       return true;
     }
