@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 
 #include "counters/counters_export.h"
+#include "counters/counters_schema_json.h"
 #include "data/type_system.h"
 #include "export/json_writer.h"
 #include "utils/json_input.h"
