@@ -294,6 +294,14 @@ TEST_F(PageWalk, SeveralPagesOfBothEncodingsInOneChunk) {
   EXPECT_EQ(reader.records_written, 3u);
 }
 
+TEST_F(PageWalk, EmptyPagesHoldNoBlocks) {
+  start();
+  EXPECT_TRUE(walk(concat({PackedPage('G').content({}).bytes(), PackedPage('S').content({}).bytes(),
+                           PackedPage('G').content(metrics_content(8)).bytes()})));
+  EXPECT_EQ(logged(), "");
+  EXPECT_EQ(reader.records_written, 1u);
+}
+
 TEST_F(PageWalk, TruncatedOrUntrailedPageEndsTheChunkQuietly) {
   ByteVec good = PackedPage('G').content(metrics_content(64)).bytes();
   ByteVec cut = PackedPage('S').content(metrics_content(64)).bytes();
