@@ -76,7 +76,11 @@ struct RecordBytes {
   template <typename T>
   T get(uint64_t offset) const {
     T value;
-    load(offset, &value, sizeof value);
+    if (offset <= size && sizeof value <= size - offset) {
+      std::memcpy(&value, data + offset, sizeof value);
+    } else {
+      load(offset, &value, sizeof value);
+    }
     return value;
   }
 };
