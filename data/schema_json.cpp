@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "counters/counters_schema_json.h"
 #include "export/event_export.h"
 #include "export/json_writer.h"
 #include "utils/log.h"
@@ -368,8 +369,7 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json(const nmb::Json& js
     return nullptr;
   }
   auto decode_counters = [](const nmb::Json& value) {
-    std::string text = value.dump();
-    return nmb_counters_schema_from_text(text.data(), text.size());
+    return nmb_counters_schema_from_json(value);
   };
   if (auto it = json.find("counters_schema"); it != json.end()) {
     ts->counters_schema = decode_counters(*it);

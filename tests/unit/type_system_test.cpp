@@ -363,14 +363,32 @@ TEST(SchemaJson, DocumentTextDigestAndReadBack) {
   nmb_schema_t* empty = nmb_type_system_add_schema(*ts, "e", 1281, nullptr);
   EXPECT_EQ(empty->id[0], '\0');
 
+  std::string counters_text =
+      nmb::test::CountersSchema().group(nmb::test::CounterGroup("node").counter("c")).json();
+  ts->counters_schema = nmb_counters_schema_from_text(counters_text.data(), counters_text.size());
+  ASSERT_TRUE(ts->counters_schema);
   std::string document;
   ASSERT_TRUE(nmb_type_system_to_json_text(*ts, document));
+  EXPECT_EQ(
+      document.rfind("{\n    \"name\": \"Nimbrel type system\",\n    \"version\": \"1.5.0\",\n"
+                     "    \"counters_schema\": {\n        \"title\"",
+                     0),
+      0u)
+      << document;
   auto back = nmb_type_system_from_json_string(document);
   ASSERT_TRUE(back);
   ASSERT_EQ(back->num_schemas, 1) << "the empty schema is left out";
   EXPECT_STREQ(back->schemas[0]->id, r.schema->id);
   EXPECT_EQ(back->schemas[0]->types[0]->fields[1].type,
             nmb_schema_find_type(*back->builtin, "uint64_t"));
+  ASSERT_TRUE(back->counters_schema);
+  EXPECT_EQ(back->counters_schema->groups.at(0).counters.at(0).name, "c");
+  auto counters_only =
+      nmb_type_system_from_json_string(R"({"version": "1.5.0", "counter_groups": [)" +
+                                       counters_text.substr(counters_text.find('[') + 1));
+  ASSERT_TRUE(counters_only);
+  EXPECT_EQ(counters_only->num_schemas, 0);
+  EXPECT_EQ(counters_only->counters_schema->groups.size(), 1u);
 
   std::string log = logged([&] {
     EXPECT_FALSE(nmb_type_system_from_json_string("[]"));
