@@ -422,8 +422,7 @@ bool write_top_level(nmb::JsonWriter& w, const nmb_event_plan_t& plan, const Rec
 // the header timestamp in nanoseconds. Floats that are not finite are left
 // out, since the protocol cannot carry them.
 
-void influx_key(std::string& out, std::string_view prefix, std::string_view name) {
-  out.append(prefix);
+void influx_key(std::string& out, std::string_view name) {
   for (char c : name) {
     if (c == ',' || c == '=' || c == ' ' || c == '\\') out.push_back('\\');
     out.push_back(c);
@@ -514,7 +513,7 @@ void influx_members(std::string& out, const nmb_event_plan_t& plan, const Record
                     uint64_t base, std::string& prefix, bool& first) {
   for (const auto& field : plan.members) {
     size_t mark = prefix.size();
-    influx_key(prefix, {}, field.name);
+    influx_key(prefix, field.name);
     const uint64_t at = base + field.offset;
     if (field.shape == Shape::kGuidHex) {
       char hex[NMB_GUID_HEX_LENGTH + 1];
