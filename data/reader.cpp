@@ -95,6 +95,29 @@ size_t decoded_page_block_length(const uint8_t* page, size_t size) {
   return size;
 }
 
+// What went wrong in the last gzread: zlib's own message for corrupt or cut
+// compressed input, the system error text otherwise.
+const char* read_error_text(gzFile file, const char* path) {
+  int error = Z_OK;
+  const char* message = gzerror(file, &error);
+  if (error == Z_OK || error == Z_ERRNO) return std::strerror(errno);
+  // zlib puts "<path>: " before its message; the report names the path already.
+  size_t length = std::strlen(path);
+  if (std::strncmp(message, path, length) == 0 && std::strncmp(message + length, ": ", 2) == 0) {
+    message += length + 2;
+  }
+  return message;
+}
+
+// A whole-file gzip that is cut short reads as an early end of file; zlib
+// marks it with a buffer error, and the file must fail instead of ending
+// quietly with part of its data.
+bool compressed_input_cut_short(gzFile file) {
+  int error = Z_OK;
+  gzerror(file, &error);
+  return error == Z_BUF_ERROR;
+}
+
 bool allocation_failed(uint64_t size) {
   NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %lu: %s",
           static_cast<unsigned long>(size), std::strerror(ENOMEM));
@@ -313,8 +336,10 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
   for (;;) {
     errno = 0;
     int n = gzread(reader.file, chunk.data(), block_size);
-    if (n < 0) {
-      NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path, std::strerror(errno));
+    if (n < 0 ||
+        (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
+              read_error_text(reader.file, reader.path));
       return false;
     }
     if (n == 0 && gzeof(reader.file)) return true;
@@ -326,7 +351,7 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
     if (size < block_size) {
       if (!gzeof(reader.file)) {
         NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
-                std::strerror(errno));
+                read_error_text(reader.file, reader.path));
         return false;
       }
       // The short last chunk: clear what the previous chunk left behind.
