@@ -121,6 +121,13 @@ std::optional<nmb_counter_group_t> group_from_json(const Json& value,
   nmb_counter_group_t group;
   group.num_counter_sets =
       static_cast<uint32_t>(number_bits(get_number(value, "num_counter_sets")));
+  // Every counter set repeats the group's values in each exported block: an
+  // absurd count from a broken schema would turn one block into gigabytes.
+  if (group.num_counter_sets > NMB_MAX_COUNTER_SETS) {
+    NMB_LOG(NMB_LOG_ERROR, "Counter group declares %u counter sets, more than the %u supported",
+            group.num_counter_sets, NMB_MAX_COUNTER_SETS);
+    return std::nullopt;
+  }
   group.granularity = nmb_granularity_from_name(get_string(value, "granularity")->c_str());
   if (auto name = get_string(value, "name")) {
     group.has_name = true;

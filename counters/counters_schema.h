@@ -46,6 +46,11 @@ enum nmb_granularity_t : int32_t {
 
 inline constexpr const char* NMB_COUNTERS_SCHEMA_VERSION = "1.5.0";
 
+// Counters schemas carry one counter set per group; a group that declares more
+// than this many is refused as broken (each set repeats the group's values in
+// every exported block).
+inline constexpr uint32_t NMB_MAX_COUNTER_SETS = 1024;
+
 // Name to value (-1 when unknown; exact, case-sensitive) and value to name
 // (nullptr when unknown, except granularity which gives "unknown").
 int32_t nmb_counter_data_type_from_name(const char* name);

@@ -140,6 +140,10 @@ TEST(CountersSchemaLoad, CounterSetCountRule) {
   EXPECT_EQ(schema->groups[1].num_counter_sets, 2u);
   EXPECT_EQ(nmb_counters_schema_number_of_counters(*schema), 0u);
   EXPECT_TRUE(nmb_counters_schema_has_counters(*schema)) << "its blocks are still exported";
+  EXPECT_TRUE(load(document({group({counter("a", "UINT64")}, "", 1024)})));
+  EXPECT_FALSE(load(document({group({counter("a", "UINT64")}, "", 1025)})))
+      << "an absurd count of counter sets is refused";
+  EXPECT_FALSE(load(document({group({counter("a", "UINT64")}, "", -1)})));
 }
 
 TEST(CountersSchemaLoad, CounterFilterDropsCountersAndEmptyGroups) {
