@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # Sets up, builds nmb_read with AddressSanitizer and UndefinedBehaviorSanitizer,
-# runs every test, then fuzzes the reader for a short while.
+# fuzzes the reader for a short while, then runs every test (the test
+# summary closes the output).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-cmake --preset asan >/dev/null
-cmake --build build/asan
-ctest --test-dir build/asan --output-on-failure -j2
 
 # Reader fuzzing (clang, libFuzzer): the corpus grows across runs; the seeds
 # from the test-data builder are rewritten every time. A crash, leak or hang
@@ -20,3 +18,7 @@ build/fuzz/fuzz/fuzz_reader -max_total_time="$fuzz_seconds" -timeout=10 -rss_lim
   -close_fd_mask=3 -dict=fuzz/reader.dict -artifact_prefix=build/fuzz/artifacts/ build/fuzz/corpus 2>build/fuzz/fuzz.log ||
   { tail -n 60 build/fuzz/fuzz.log; echo "fuzz_reader failed; see build/fuzz/fuzz.log" >&2; exit 1; }
 tail -n 1 build/fuzz/fuzz.log
+
+cmake --preset asan >/dev/null
+cmake --build build/asan
+ctest --test-dir build/asan --output-on-failure -j2
