@@ -24,6 +24,9 @@ RunResult run_binary(const std::string& program, const std::vector<std::string>&
     close(err_pipe[0]);
     close(err_pipe[1]);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(127);
+    // Timestamps render in local time: pin it so that expected texts hold on
+    // any machine (a test may still set TZ itself).
+    setenv("TZ", "UTC", 1);
     for (const auto& name : options.unset_env) unsetenv(name.c_str());
     for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> argv;

@@ -1,4 +1,5 @@
-// Runs a program and captures what it writes, for the end-to-end tests.
+// Runs a program and captures what it writes, for the end-to-end tests. The
+// program runs with TZ=UTC unless the options set TZ.
 #pragma once
 
 #include <string>
