@@ -611,7 +611,9 @@ size_t nmb_export_events_block(nmb_reader_context_t& reader, std::span<const uin
   if (reader.options->print_headers) nmb_print_event_block_header(header);
 
   const uint32_t schema_index = header[NMB_EVENT_BLOCK_SCHEMA_INDEX];
-  const uint32_t type_index = nmb_load_u16(header + NMB_EVENT_BLOCK_TYPE_INDEX);
+  // The type index is stored in 16 bits, but types are numbered in 8 (a
+  // schema holds at most 254): only its low byte names the type.
+  const uint32_t type_index = nmb_load_u16(header + NMB_EVENT_BLOCK_TYPE_INDEX) & 0xFF;
   const uint32_t num_events = header[NMB_EVENT_BLOCK_NUM_EVENTS];
   const nmb_type_system_t* ts = reader.type_system.get();
   const nmb_schema_t* schema =

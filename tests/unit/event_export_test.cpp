@@ -225,6 +225,11 @@ TEST(EventExport, BlockWalkBoundsAndSelection) {
   EXPECT_NE(e.err().find("Type definition 0:1 not found"), std::string::npos);
   EXPECT_EQ(e.run(nmb::test::event_block(kTime, 3, 0, 1, Bytes().u32(1))), 0u);
   EXPECT_NE(e.err().find("Type definition 3:0 not found"), std::string::npos);
+  // Only the low byte of the 16-bit type index names the type.
+  EXPECT_EQ(e.run(0x0100, 1, Bytes().u32(5)), 20u);
+  EXPECT_EQ(e.out(), "{\"v\":5,\"far\":0" + tail());
+  EXPECT_EQ(e.run(0x0201, 1, Bytes().u32(5)), 0u);
+  EXPECT_NE(e.err().find("Type definition 0:1 not found"), std::string::npos);
 
   Exporter excluded{EventSchema().type(t)};
   excluded.options().exclude = {"PORT"};
