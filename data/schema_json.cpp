@@ -40,10 +40,13 @@ const nmb::Json* parsed_template(const char* text) {
   return found->has_value() ? &**found : nullptr;
 }
 
+// Strings of a schema are C strings: one with an escaped zero byte ("a\u0000b")
+// ends there, as names are compared and written everywhere else.
 std::string string_member(const nmb::Json& object, const char* key) {
   auto it = object.find(key);
   if (it == object.end() || !it->is_string()) return {};
-  return it->get<std::string>();
+  const std::string& text = it->get_ref<const std::string&>();
+  return text.substr(0, text.find('\0'));
 }
 
 // An optional 16-bit number: absent or not a number reads as 0; a number that
