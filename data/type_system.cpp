@@ -254,46 +254,99 @@ namespace {
 // per 8 bytes of it). Nested arrays multiply: a few bytes of schema could
 // otherwise ask for billions of values, gigabytes of text, per record.
 constexpr uint64_t kMaxValuesPerRecord = uint64_t{1} << 20;
+// Text one record may expand to. Values alone do not bound it: every line of
+// a nested object is indented once more per level in the pretty form (and
+// carries the whole dotted key path in Influx lines), and long field names
+// are written once per array element of a nested type.
+constexpr uint64_t kMaxTextPerRecord = uint64_t{64} << 20;
 
-enum class Visit : uint8_t { kNew, kOpen, kDone };
+// An upper bound of the text of one value written at depth 0: its lines
+// (each gets the indentation or key prefix of the levels around it) and bytes.
+struct TextCost {
+  uint64_t lines = 0;
+  uint64_t bytes = 0;
+};
+
+// Saturating arithmetic: bounds of hostile schemas may not wrap around.
+constexpr uint64_t kSaturated = uint64_t{1} << 62;
+uint64_t sat_add(uint64_t a, uint64_t b) {
+  return a + b > kSaturated ? kSaturated : a + b;
+}
+uint64_t sat_mul(uint64_t a, uint64_t b) {
+  return a != 0 && b > kSaturated / a ? kSaturated : a * b;
+}
+
+struct TypeState {
+  enum class Visit : uint8_t { kNew, kOpen, kDone };
+  const nmb_type_definition_t* type = nullptr;
+  Visit visit = Visit::kNew;
+  uint64_t values = 0;
+  TextCost text;
+};
 
 // Depth-first walk over the user types reachable from `type`: refuses a type
 // that contains itself (directly or through other types), which would make
-// the export recurse forever, and counts the values of one record.
+// the export recurse forever, and bounds the values and text of one record.
 bool check_type(const nmb_type_definition_t* type, const nmb_schema_t& schema,
-                std::vector<std::pair<const nmb_type_definition_t*, Visit>>& state,
-                std::vector<uint64_t>& values) {
+                std::vector<TypeState>& state) {
+  using Visit = TypeState::Visit;
   size_t slot = 0;
-  while (slot < state.size() && state[slot].first != type) ++slot;
+  while (slot < state.size() && state[slot].type != type) ++slot;
   if (slot == state.size()) return true;  // a built-in
-  if (state[slot].second == Visit::kDone) return true;
-  if (state[slot].second == Visit::kOpen) {
+  if (state[slot].visit == Visit::kDone) return true;
+  if (state[slot].visit == Visit::kOpen) {
     NMB_LOG(NMB_LOG_ERROR, "Type %s of schema %s contains itself", type->name.c_str(),
             schema.name.c_str());
     return false;
   }
-  state[slot].second = Visit::kOpen;
+  state[slot].visit = Visit::kOpen;
   uint64_t total = 0;
+  TextCost text;
   for (const auto& field : type->fields) {
+    // A key escapes to at most 6 bytes per byte; 16 covers quotes, colon,
+    // separators and an Influx "_<index>".
+    const uint64_t key = 6 * static_cast<uint64_t>(field.field_name.size()) + 16;
+    const uint64_t count = field.array_length;
     uint64_t per_element = 1;
+    TextCost element{1, 40};  // a number, a hex string, a comma and newline
     if (field.type->type_code == NMB_TYPE_USER) {
-      if (!check_type(field.type, schema, state, values)) return false;
+      if (!check_type(field.type, schema, state)) return false;
       size_t nested = 0;
-      while (state[nested].first != field.type) ++nested;
-      per_element = values[nested];
+      while (state[nested].type != field.type) ++nested;
+      per_element = state[nested].values;
+      const TextCost& inner = state[nested].text;
+      element.lines = sat_add(inner.lines, 2);
+      element.bytes = sat_add(sat_add(inner.bytes, sat_mul(inner.lines, key)), 16);
     }
     bool chars = field.array_length > 1 && (field.type->type_code == NMB_TYPE_CHAR ||
                                             field.type->type_code == NMB_TYPE_UNSIGNED_CHAR);
     total += chars ? 1 + field.array_length / 8 : per_element * field.array_length;
+    if (chars) {
+      text.lines = sat_add(text.lines, 1);
+      text.bytes = sat_add(text.bytes, key + 6 * count + 16);
+    } else {
+      text.lines = sat_add(text.lines, sat_add(sat_mul(count, element.lines), 2));
+      text.bytes = sat_add(
+          text.bytes,
+          sat_add(key, sat_mul(count, sat_add(element.bytes, sat_mul(element.lines, key)))));
+    }
     if (total > kMaxValuesPerRecord) {
       NMB_LOG(NMB_LOG_ERROR, "Type %s of schema %s has more than %llu values per record",
               type->name.c_str(), schema.name.c_str(),
               static_cast<unsigned long long>(kMaxValuesPerRecord));
       return false;
     }
+    if (sat_add(text.bytes, sat_mul(text.lines, 4)) > kMaxTextPerRecord) {
+      NMB_LOG(NMB_LOG_ERROR,
+              "Type %s of schema %s can expand to more than %llu bytes of text per record",
+              type->name.c_str(), schema.name.c_str(),
+              static_cast<unsigned long long>(kMaxTextPerRecord));
+      return false;
+    }
   }
-  values[slot] = total;
-  state[slot].second = Visit::kDone;
+  state[slot].values = total;
+  state[slot].text = text;
+  state[slot].visit = Visit::kDone;
   return true;
 }
 
@@ -312,12 +365,10 @@ bool nmb_schema_resolve_field_types(nmb_schema_t& schema, const nmb_schema_t& bu
       }
     }
   }
-  std::vector<std::pair<const nmb_type_definition_t*, Visit>> state;
-  std::vector<uint64_t> values(schema.num_types, 0);
-  for (uint32_t t = 0; t < schema.num_types; ++t)
-    state.emplace_back(schema.types[t].get(), Visit::kNew);
+  std::vector<TypeState> state;
+  for (uint32_t t = 0; t < schema.num_types; ++t) state.emplace_back().type = schema.types[t].get();
   for (uint32_t t = 0; t < schema.num_types; ++t) {
-    if (schema.types[t] && !check_type(schema.types[t].get(), schema, state, values)) return false;
+    if (schema.types[t] && !check_type(schema.types[t].get(), schema, state)) return false;
   }
   return true;
 }

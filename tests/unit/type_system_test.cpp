@@ -30,6 +30,13 @@ TEST(Version, ParsePrintCompatibilityAndOrder) {
   EXPECT_EQ(nmb_version_parse("1.2 .3"), 1u | 2u << 8 | 3u << 16) << "blank before second dot";
   EXPECT_EQ(nmb_version_parse("1"), 0u);
   EXPECT_EQ(nmb_version_parse("abc"), 0u);
+  // What the scan format accepts: blanks before numbers, a sign, text after
+  // the minor number; but no blank before the first dot.
+  EXPECT_EQ(nmb_version_parse(" 1.5.0"), 1281u);
+  EXPECT_EQ(nmb_version_parse("+1.5.0"), 1281u);
+  EXPECT_EQ(nmb_version_parse("1.5x"), 1281u);
+  EXPECT_EQ(nmb_version_parse("1. 5.0"), 1281u);
+  EXPECT_EQ(nmb_version_parse("1 .5.0"), 0u);
   EXPECT_STREQ(nmb_version_to_string(nmb_version_parse("2.10.300")), "2.10.300");
   for (const char* ok : {"1.5.7", "1.0.0", "1.5.0", "1.3"}) {
     EXPECT_TRUE(nmb_version_is_compatible(ok, "1.5.0")) << ok;
@@ -198,6 +205,14 @@ TEST(SchemaLoad, FieldsAsTheFileStatesThem) {
   EXPECT_EQ(r.schema->parent, ts->builtin.get());
 }
 
+TEST(SchemaLoad, StringsEndAtAnEscapedZeroByte) {
+  auto ts = nmb_type_system_create();
+  Loaded r = load(*ts, schema_text(field_text(R"(a\u0000b)", R"(uint64_t\u0000x)")));
+  ASSERT_NE(r.schema, nullptr) << r.log;
+  EXPECT_EQ(r.schema->types[0]->fields[0].field_name, "a");
+  EXPECT_EQ(r.schema->types[0]->fields[0].type_name, "uint64_t");
+}
+
 TEST(SchemaLoad, FailuresAndTheirMessages) {
   struct Case {
     std::string text;
@@ -263,6 +278,25 @@ TEST(SchemaLoad, IndirectRecursionAndExplosiveNestingAreRefused) {
   EXPECT_NE(r.log.find("Type outer of schema p has more than 1048576 values per record"),
             std::string::npos)
       << r.log;
+
+  // Few values, but a 60000-byte key written once per element: 4 GB of text.
+  const std::string long_name(60000, 'k');
+  text = R"({"nmb_version": "1.5.0", "provider_name": "p", "provider_version": "1", "types": [)"
+         R"({"name": "inner", "size": 8, "fields": [)" +
+         field_text(long_name) + R"(]}, {"name": "outer", "size": 8, "fields": [)" +
+         field_text("w", "inner", R"(, "array_length": 65535)") + "]}]}";
+  r = load(*ts, text);
+  EXPECT_EQ(r.schema, nullptr);
+  EXPECT_NE(r.log.find("Type outer of schema p can expand to more than 67108864 bytes of text "
+                       "per record"),
+            std::string::npos)
+      << r.log.substr(0, 300);
+  // The same nesting with a short key stays well within the bound.
+  text = R"({"nmb_version": "1.5.0", "provider_name": "p", "provider_version": "1", "types": [)"
+         R"({"name": "inner", "size": 8, "fields": [)" +
+         field_text("key") + R"(]}, {"name": "outer", "size": 8, "fields": [)" +
+         field_text("w", "inner", R"(, "array_length": 65535)") + "]}]}";
+  EXPECT_NE(load(*ts, text).schema, nullptr);
 }
 
 TEST(SchemaLoad, TypeAndSchemaLimits) {
