@@ -275,6 +275,8 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
     const uint64_t packed_size =
         NMB_NMBP_MAGIC_SIZE + header_size + stream_size + NMB_NMBP_TRAILER_SIZE;
     // A page that does not fit or lacks its trailer ends this chunk quietly.
+    // The whole page, trailer included, must lie inside the chunk: a trailer
+    // reaching past the chunk's end is never read (those bytes are zeros).
     if (packed_size > n - p) break;
     const size_t trailer = p + NMB_NMBP_MAGIC_SIZE + header_size + stream_size;
     if (std::memcmp(data + trailer, "nmbp", 4) != 0) break;
@@ -298,6 +300,8 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
     } else {
       const size_t page_size = static_cast<size_t>(size);
       const size_t length = decoded_page_block_length(page.data(), page_size);
+      // An empty decoded page (empty content, or a stream that decodes to
+      // nothing) holds no block; a piece length of 0 would never advance.
       for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
         if (!nmb_reader_process_block(reader, std::span<const uint8_t>(page.data() + start, length),
                                       true)) {

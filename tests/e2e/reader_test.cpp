@@ -170,6 +170,28 @@ TEST_F(ReaderE2E, ShortLastChunkIsProcessed) {
   EXPECT_NE(ndjson.out.find("\"b\":6"), std::string::npos);
 }
 
+// The file-level time filter skips a file only when both header times lie
+// above -l and below -g at once; otherwise the blocks are filtered one by one
+// (-p prints counters block headers before the block time filter).
+TEST_F(ReaderE2E, FileTimeFilterNeedsBothBounds) {
+  DataFile file = counters_file(64);  // header times kT0 .. kT0 + 3
+  file.chunk(Chunk().counters(kT0, values(1, 2)));
+  std::string path = file.write(dir_.file("times.bin"));
+  const std::string past = std::to_string(kT0 + 10);
+  const std::string before = std::to_string(kT0 - 10);
+
+  auto above_gt = run({"-p", "-f", "ndjson", "-v", "7", "-g", past, path});
+  EXPECT_EQ(above_gt.out, header_print(file.header(), 256 + 64) + data_block_print(kT0));
+  EXPECT_EQ(above_gt.err.find("File content is out of date range"), std::string::npos);
+  EXPECT_EQ(above_gt.status, 0);
+
+  auto skipped = run({"-p", "-f", "ndjson", "-v", "7", "-g", past, "-l", before, path});
+  EXPECT_EQ(skipped.out, header_print(file.header(), 256 + 64));
+  EXPECT_NE(skipped.err.find("[debug] File content is out of date range\n"), std::string::npos)
+      << skipped.err;
+  EXPECT_EQ(skipped.status, 0);
+}
+
 TEST_F(ReaderE2E, LeftoverBytesAfterTheLastChunk) {
   // One to three bytes cannot hold a block header.
   std::string path = counters_file(64)
