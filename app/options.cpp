@@ -194,8 +194,9 @@ bool nmb_collect_data_files(const std::string& dir, nmb_string_array_t& files) {
   bool ok = true;
   while (dirent* entry = readdir(handle)) {
     if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    // A path longer than the system allows is not skipped: stat refuses it
+    // with "File name too long", which fails the walk like any stat failure.
     std::string path = dir + "/" + entry->d_name;
-    if (path.size() >= kMaxPath) continue;
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) {
       std::fprintf(stderr, "Failed to stat path '%s': %s\n", path.c_str(), std::strerror(errno));
@@ -223,7 +224,7 @@ bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, 
   options = nmb_read_options_t{};
   if (!read_options(argc, argv, options, exit_now)) return false;
   if (exit_now) return true;
-  if (!options.data_dir.empty() && !nmb_collect_data_files(options.data_dir, options.files)) {
+  if (options.data_dir && !nmb_collect_data_files(*options.data_dir, options.files)) {
     return false;
   }
   if (options.include.empty()) options.include.emplace_back("*");

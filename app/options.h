@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "utils/string_array.h"
@@ -29,7 +30,9 @@ struct nmb_read_options_t {
   uint32_t verbosity = 6;
   std::string schema_path = "schema";
   std::string output_dir = "output";
-  std::string data_dir;  // empty: none
+  // Set by -d, even to an empty text (which then fails as a folder that cannot
+  // be opened); unlike -C and -F, an empty -d is not "unset".
+  std::optional<std::string> data_dir;
   uint64_t timestamp_gt = 0;
   uint64_t timestamp_lt = UINT64_MAX;
   nmb_string_array_t include;

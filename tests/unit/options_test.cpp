@@ -18,6 +18,7 @@ struct Parsed {
   bool ok = false;
   bool exit_now = false;
   nmb_read_options_t options;
+  std::string err;
 };
 
 Parsed parse(std::initializer_list<const char*> words) {
@@ -30,7 +31,7 @@ Parsed parse(std::initializer_list<const char*> words) {
   testing::internal::CaptureStderr();
   parsed.ok = nmb_read_parse_options(static_cast<int>(storage.size()), argv.data(), parsed.options,
                                      parsed.exit_now);
-  testing::internal::GetCapturedStderr();
+  parsed.err = testing::internal::GetCapturedStderr();
   return parsed;
 }
 
@@ -41,7 +42,10 @@ TEST(Options, VerbosityAcceptsAnyBaseUpToSeven) {
   EXPECT_FALSE(parse({"-v", "8"}).ok);
   EXPECT_FALSE(parse({"-v", "-1"}).ok);
   EXPECT_FALSE(parse({"-v", "3x"}).ok);
-  EXPECT_FALSE(parse({"-v", ""}).ok);
+  EXPECT_FALSE(parse({"-v", "0x"}).ok);
+  // Only a range error or trailing text refuses: an empty text reads as 0.
+  EXPECT_EQ(parse({"-v", ""}).options.verbosity, 0u);
+  EXPECT_TRUE(parse({"-v", ""}).ok);
 }
 
 TEST(Options, TimestampsAreWholeNumbers) {
@@ -49,6 +53,9 @@ TEST(Options, TimestampsAreWholeNumbers) {
   EXPECT_EQ(parse({"-l", "010"}).options.timestamp_lt, 8u);
   EXPECT_FALSE(parse({"-g", "10s"}).ok);
   EXPECT_FALSE(parse({"-l", "99999999999999999999999"}).ok);
+  EXPECT_EQ(parse({"-l", ""}).options.timestamp_lt, 0u);
+  EXPECT_EQ(parse({"-g", "-1"}).options.timestamp_gt, UINT64_MAX)
+      << "wraps, as the C conversion does";
   Parsed defaults = parse({});
   EXPECT_EQ(defaults.options.timestamp_gt, 0u);
   EXPECT_EQ(defaults.options.timestamp_lt, UINT64_MAX);
@@ -152,6 +159,27 @@ TEST_F(SchemaSearch, DataDirectoryFilesFollowPositionalOnes) {
   std::sort(rest.begin(), rest.end());
   EXPECT_EQ(rest, (std::vector<std::string>{"d/one.bin", "d/sub/two"}));
   EXPECT_FALSE(parse({"-d", "no_such_dir"}).ok);
+}
+
+TEST_F(SchemaSearch, EmptyDataDirectoryIsAFolderThatCannotBeOpened) {
+  Parsed parsed = parse({"-s", ".", "-d", ""});
+  EXPECT_FALSE(parsed.ok);
+  EXPECT_EQ(parsed.err, "Failed to open directory '': No such file or directory\n");
+}
+
+TEST_F(SchemaSearch, UnreadableEntryFailsTheWholeWalk) {
+  fs::create_directories(root_ / "d" / "sub");
+  fs::create_symlink(root_ / "nowhere", root_ / "d" / "sub" / "dangling");
+  Parsed parsed = parse({"-s", ".", "-d", "d"});
+  EXPECT_FALSE(parsed.ok);
+  EXPECT_EQ(parsed.err, "Failed to stat path 'd/sub/dangling': No such file or directory\n");
+
+  // A folder that links back to itself ends in a stat failure, not an endless walk.
+  fs::remove(root_ / "d" / "sub" / "dangling");
+  fs::create_directory_symlink("..", root_ / "d" / "sub" / "up");
+  parsed = parse({"-s", ".", "-d", "d"});
+  EXPECT_FALSE(parsed.ok);
+  EXPECT_EQ(parsed.err.rfind("Failed to stat path 'd/sub/up/sub/up/", 0), 0u) << parsed.err;
 }
 
 }  // namespace
