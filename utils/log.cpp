@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "utils/env.h"
@@ -91,24 +92,42 @@ void default_printer(uint32_t level, const char* format, va_list args) {
     vsyslog(static_cast<int>(level), format, args);
     return;
   }
-  if (g_stream == nullptr) nmb_init_stderr_logger(g_level);
+  if (g_stream == nullptr) {
+    // An adopted configuration may carry no stream, and then the
+    // initialisation is refused and logs that refusal: the nested call must
+    // not try again, and the line still goes to standard error.
+    static bool initialising = false;
+    if (!initialising) {
+      initialising = true;
+      nmb_init_stderr_logger(g_level);
+      initialising = false;
+    }
+  }
+  FILE* stream = g_stream != nullptr ? g_stream : stderr;
   if (g_mutex != nullptr) pthread_mutex_lock(g_mutex);
-  write_timestamp_prefix(g_stream);
-  std::fputs(level_word(level), g_stream);
-  std::vfprintf(g_stream, format, args);
-  std::fputc('\n', g_stream);
-  std::fflush(g_stream);
+  write_timestamp_prefix(stream);
+  std::fputs(level_word(level), stream);
+  std::vfprintf(stream, format, args);
+  std::fputc('\n', stream);
+  std::fflush(stream);
   if (g_mutex != nullptr) pthread_mutex_unlock(g_mutex);
 }
 
 }  // namespace
 
 uint32_t nmb::detail::log_level_slow() {
+  // A registered (adopted) logger whose level is still unset refuses the
+  // initialisation and logs the refusal; that message must not start the
+  // initialisation again, so while it runs nothing is logged.
+  static bool initialising = false;
+  if (initialising) return 0;
   if (g_level == NMB_LOG_LEVEL_UNSET) {
+    initialising = true;
     int level = 0;
     const char* text = nmb_getenv("NMB_API_LOG_LEVEL");
     if (text == nullptr || std::sscanf(text, "%d", &level) != 1) level = 0;
     nmb_init_stderr_logger(static_cast<uint32_t>(level));
+    initialising = false;
   }
   return g_level;
 }
@@ -216,7 +235,9 @@ nmb_log_callback_t nmb_get_log_callback() {
 }
 
 std::unique_ptr<nmb_logger_config_t> nmb_export_logger_config() {
-  auto config = std::make_unique<nmb_logger_config_t>();
+  // The logger never fails its caller: no snapshot when memory is short.
+  std::unique_ptr<nmb_logger_config_t> config(new (std::nothrow) nmb_logger_config_t());
+  if (config == nullptr) return nullptr;
   config->mode = g_mode;
   config->level = g_level;
   config->mutex = g_mutex;

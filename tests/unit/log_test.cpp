@@ -95,6 +95,32 @@ TEST_F(Logger, RegisteredConfigurationCannotBeReinitialised) {
   EXPECT_FALSE(nmb_adopt_logger_config(nullptr));
 }
 
+TEST_F(Logger, AdoptedConfigurationWithoutStreamOrLevelStillLogs) {
+  // A snapshot taken before the sharing module initialised its logger: no
+  // stream, level still unset. Initialising is then refused, and the refusal
+  // itself must not start the initialisation over and over.
+  nmb_init_stderr_logger(6);
+  nmb_logger_config_t config;
+  config.level = NMB_LOG_LEVEL_UNSET;
+  ASSERT_TRUE(nmb_adopt_logger_config(&config));
+  testing::internal::CaptureStderr();
+  nmb_log(NMB_LOG_ERROR, "%s", "still here");
+  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  EXPECT_NE(text.find("[error] still here\n"), std::string::npos) << text;
+}
+
+TEST_F(Logger, UnsetLevelFromTheEnvironmentDoesNotRecurse) {
+  // "-1" reads as the all-ones "not yet initialised" level; the messages that
+  // the initialisation itself logs must not restart it.
+  nmb_logger_reset_for_tests();
+  setenv("NMB_API_LOG_LEVEL", "-1", 1);
+  setenv("NMB_LOG_THREAD_SAFE", "no", 1);
+  testing::internal::CaptureStderr();
+  nmb_log(NMB_LOG_DEBUG, "%s", "shown");
+  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  EXPECT_NE(text.find("[debug] shown\n"), std::string::npos) << text;
+}
+
 TEST_F(Logger, CallbackReceivesUnformattedMessages) {
   static std::string seen;
   seen.clear();
