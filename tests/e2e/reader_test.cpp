@@ -307,6 +307,14 @@ TEST_F(ReaderE2E, HeaderChecksFollowTheVersionRule) {
   refused(DataFile().file_size(255), "Wrong data file size 255 is less then file header size 256");
   refused(DataFile().magic("NMBD"), "Wrong data page magic number.");
   refused(DataFile().magic("XMBF"), "Wrong data page magic number.");
+
+  // -p prints a header before checking it, so a refused one is shown too.
+  DataFile newer;
+  newer.version(1, 8, 0);
+  std::string path = newer.write(dir_.file("newer.bin"));
+  auto printed = run({"-p", "-f", "ndjson", path});
+  EXPECT_EQ(printed.out, header_print(newer.header(), 256));
+  EXPECT_EQ(printed.status, 1);
 }
 
 TEST_F(ReaderE2E, OneBadFileAmongGoodOnes) {
