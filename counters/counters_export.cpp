@@ -19,8 +19,6 @@
 
 namespace {
 
-using nmb::counters::kValueTextRoom;
-
 // How one counter's value is written, decided from its type, string format
 // and name when the schema is loaded.
 enum class Render : uint8_t {
@@ -114,7 +112,7 @@ CounterRender compile_counter(const nmb_counter_info_t& counter) {
 }
 
 void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
-  char quoted[kValueTextRoom + 2];
+  char quoted[NMB_VALUE_TEXT_ROOM + 2];
   quoted[0] = '"';
   std::memcpy(quoted + 1, text, length);
   quoted[length + 1] = '"';
@@ -123,7 +121,7 @@ void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
 
 // Writes one counter value; false when it cannot be a JSON value.
 bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const uint8_t> values) {
-  char text[kValueTextRoom];
+  char text[NMB_VALUE_TEXT_ROOM];
   const Render render = guid_conversion_switch() && r.guid_switched ? Render::kHex : r.render;
   switch (render) {
     case Render::kUnsignedNumber:
@@ -140,13 +138,13 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
     case Render::kUnsignedFormatted:
       quoted_ascii(
           w, text,
-          nmb::counters::format_u64(nmb::counters::read_u64(values, r.offset), r.format, text));
+          nmb_format_uint64_into(nmb::counters::read_u64(values, r.offset), r.format, text));
       return true;
     case Render::kSignedFormatted:
       quoted_ascii(
           w, text,
-          nmb::counters::format_i64(static_cast<int64_t>(nmb::counters::read_u64(values, r.offset)),
-                                    r.format, text));
+          nmb_format_int64_into(static_cast<int64_t>(nmb::counters::read_u64(values, r.offset)),
+                                r.format, text));
       return true;
     case Render::kDoubleNumber:
     case Render::kDoubleFormatted: {
@@ -154,7 +152,7 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
       double value;
       std::memcpy(&value, &bits, sizeof value);
       if (render == Render::kDoubleNumber) return w.number(value);
-      quoted_ascii(w, text, nmb::counters::format_fp64(r.format, value, text));
+      quoted_ascii(w, text, nmb_format_fp64_into(r.format, value, text));
       return true;
     }
     case Render::kString: {
@@ -169,7 +167,7 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
     case Render::kSigned128: {
       uint8_t bytes[16];
       nmb::counters::read_bytes(values, r.offset, bytes, sizeof bytes);
-      quoted_ascii(w, text, nmb::counters::format_u128(bytes, r.format, text));
+      quoted_ascii(w, text, nmb_format_uint128_into(bytes, r.format, text));
       return true;
     }
   }

@@ -13,8 +13,6 @@
 
 namespace {
 
-using nmb::counters::kValueTextRoom;
-
 constexpr int kCellWidth = 20;
 
 __attribute__((format(printf, 2, 3))) void appendf(std::string& out, const char* format, ...) {
@@ -48,25 +46,25 @@ int32_t cell_format(const nmb_counter_info_t& counter) {
 
 void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& counter, int width,
                                   std::span<const uint8_t> values, uint64_t offset) {
-  char text[kValueTextRoom];
+  char text[NMB_VALUE_TEXT_ROOM];
   int32_t format = cell_format(counter);
   switch (counter.data_type) {
     case NMB_COUNTER_DATA_TYPE_UINT64:
     case NMB_COUNTER_DATA_TYPE_BIT64:
-      nmb::counters::format_u64(nmb::counters::read_u64(values, offset), format, text);
+      nmb_format_uint64_into(nmb::counters::read_u64(values, offset), format, text);
       appendf(out, " %*s |", width, text);
       return;
     case NMB_COUNTER_DATA_TYPE_FP64: {
       uint64_t bits = nmb::counters::read_u64(values, offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
-      nmb::counters::format_fp64(format, value, text);
+      nmb_format_fp64_into(format, value, text);
       appendf(out, " %*s |", width, text);
       return;
     }
     case NMB_COUNTER_DATA_TYPE_INT64:
-      nmb::counters::format_i64(static_cast<int64_t>(nmb::counters::read_u64(values, offset)),
-                                format, text);
+      nmb_format_int64_into(static_cast<int64_t>(nmb::counters::read_u64(values, offset)), format,
+                            text);
       appendf(out, " %*s |", width, text);
       return;
     case NMB_COUNTER_DATA_TYPE_STRING: {
@@ -81,7 +79,7 @@ void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& co
     case NMB_COUNTER_DATA_TYPE_INT128: {
       uint8_t bytes[16];
       nmb::counters::read_bytes(values, offset, bytes, sizeof bytes);
-      nmb::counters::format_u128(bytes, format, text);
+      nmb_format_uint128_into(bytes, format, text);
       appendf(out, " %*s |", width, text);
       return;
     }
@@ -121,6 +119,9 @@ void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& g
     appendf(out, " %*s |", kCellWidth, counter.name.c_str());
   out.push_back('\n');
   rule();
+  // Without counter sets no value row follows, so the rule under the heading
+  // and the closing rule stand one after the other: the table ends in two
+  // rules (not three).
   for (uint64_t i = 0; i < sets; ++i) {
     appendf(out, "| %*d |", g, static_cast<int>(i));
     for (uint64_t j = 0; j < n; ++j)

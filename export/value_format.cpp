@@ -1,5 +1,6 @@
 #include "export/value_format.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -66,76 +67,87 @@ std::string nmb_format_guid_hex(uint64_t value) {
 
 namespace {
 
-std::string binary_text(const uint8_t* bytes, size_t count) {
-  std::string text = "0b";
-  text.reserve(2 + count * 8);
-  for (size_t b = 0; b < count; ++b) {
-    for (int bit = 7; bit >= 0; --bit) text.push_back((bytes[b] >> bit) & 1 ? '1' : '0');
-  }
-  return text;
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+size_t binary_into(const uint8_t* bytes, size_t count, char* out) {
+  size_t n = 0;
+  out[n++] = '0';
+  out[n++] = 'b';
+  for (size_t b = 0; b < count; ++b)
+    for (int bit = 7; bit >= 0; --bit) out[n++] = (bytes[b] >> bit) & 1 ? '1' : '0';
+  out[n] = '\0';
+  return n;
 }
 
-std::string format_u64_common(uint64_t value, int32_t string_format) {
-  if (string_format == 2) return nmb_format_guid_hex(value);
-  // Most significant bit first.
+// "0x%016lx" (2) or the 64 bits, most significant first (4).
+size_t hex_or_binary64(uint64_t value, int32_t string_format, char* out) {
+  if (string_format == 2) {
+    char hex[NMB_GUID_HEX_LENGTH + 1];
+    nmb_format_guid_hex_into(value, hex);
+    std::memcpy(out, hex, sizeof hex);
+    return NMB_GUID_HEX_LENGTH;
+  }
   uint8_t bytes[8];
   for (int i = 0; i < 8; ++i) bytes[i] = static_cast<uint8_t>(value >> (56 - 8 * i));
-  return binary_text(bytes, 8);
+  return binary_into(bytes, 8, out);
+}
+
+template <typename T>
+size_t decimal_into(T value, char* out) {
+  auto result = std::to_chars(out, out + NMB_VALUE_TEXT_ROOM - 1, value);
+  *result.ptr = '\0';
+  return static_cast<size_t>(result.ptr - out);
 }
 
 }  // namespace
 
-std::string nmb_format_uint64_string(uint64_t value, int32_t string_format) {
-  if (string_format == 2 || string_format == 4) return format_u64_common(value, string_format);
+size_t nmb_format_uint64_into(uint64_t value, int32_t string_format, char* out) {
+  if (string_format == 2 || string_format == 4) return hex_or_binary64(value, string_format, out);
   if (string_format == 3) {
     NMB_LOG(NMB_LOG_WARNING,
             "UUID format is only supported for 128-bit types, using DECIMAL for uint64");
   }
-  char text[21];
-  std::snprintf(text, sizeof text, "%" PRIu64, value);
-  return text;
+  return decimal_into(value, out);
 }
 
-std::string nmb_format_int64_string(int64_t value, int32_t string_format) {
+size_t nmb_format_int64_into(int64_t value, int32_t string_format, char* out) {
   if (string_format == 2 || string_format == 4) {
-    return format_u64_common(static_cast<uint64_t>(value), string_format);
+    return hex_or_binary64(static_cast<uint64_t>(value), string_format, out);
   }
   if (string_format == 3) {
     NMB_LOG(NMB_LOG_WARNING,
             "UUID format is only supported for 128-bit types, using DECIMAL for int64");
   }
-  char text[21];
-  std::snprintf(text, sizeof text, "%" PRId64, value);
-  return text;
+  return decimal_into(value, out);
 }
 
-std::string nmb_format_fp64_string(int32_t string_format, double value) {
+size_t nmb_format_fp64_into(int32_t string_format, double value, char* out) {
   if (string_format == 2 || string_format == 4) {
     uint64_t bits;
     std::memcpy(&bits, &value, sizeof bits);
-    return nmb_format_uint64_string(bits, string_format);
+    return nmb_format_uint64_into(bits, string_format, out);
   }
   if (string_format == 3) {
     NMB_LOG(NMB_LOG_WARNING, "UUID format is not supported for FP64 types, using DECIMAL");
   }
   // A 32-byte buffer: very large values are cut at 31 characters.
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6f", value);
-  return text;
+  int n = std::snprintf(out, 32, "%.6f", value);
+  if (n < 0) {
+    out[0] = '\0';
+    return 0;
+  }
+  return n > 31 ? 31 : static_cast<size_t>(n);
 }
 
-std::string nmb_format_uint128_string(const uint8_t* b, int32_t string_format) {
-  if (b == nullptr) return {};
-  char text[40];
+size_t nmb_format_uint128_into(const uint8_t* b, int32_t string_format, char* out) {
   switch (string_format) {
     case 3:
-      std::snprintf(text, sizeof text,
-                    "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0],
-                    b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
-                    b[13], b[14], b[15]);
-      return text;
+      return static_cast<size_t>(std::snprintf(
+          out, NMB_VALUE_TEXT_ROOM,
+          "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1], b[2],
+          b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]));
     case 4:
-      return binary_text(b, 16);
+      return binary_into(b, 16, out);
     case 2:
       break;
     default:
@@ -143,13 +155,38 @@ std::string nmb_format_uint128_string(const uint8_t* b, int32_t string_format) {
               "Decimal format not fully supported for 128-bit types, using hex representation");
       break;
   }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex = string_format == 2 ? "0x" : "";
-  for (int i = 0; i < 16; ++i) {
-    hex.push_back(kHex[b[i] >> 4]);
-    hex.push_back(kHex[b[i] & 15]);
+  size_t n = 0;
+  if (string_format == 2) {
+    out[n++] = '0';
+    out[n++] = 'x';
   }
-  return hex;
+  for (int i = 0; i < 16; ++i) {
+    out[n++] = kHexDigits[b[i] >> 4];
+    out[n++] = kHexDigits[b[i] & 15];
+  }
+  out[n] = '\0';
+  return n;
+}
+
+std::string nmb_format_uint64_string(uint64_t value, int32_t string_format) {
+  char text[NMB_VALUE_TEXT_ROOM];
+  return std::string(text, nmb_format_uint64_into(value, string_format, text));
+}
+
+std::string nmb_format_int64_string(int64_t value, int32_t string_format) {
+  char text[NMB_VALUE_TEXT_ROOM];
+  return std::string(text, nmb_format_int64_into(value, string_format, text));
+}
+
+std::string nmb_format_fp64_string(int32_t string_format, double value) {
+  char text[NMB_VALUE_TEXT_ROOM];
+  return std::string(text, nmb_format_fp64_into(string_format, value, text));
+}
+
+std::string nmb_format_uint128_string(const uint8_t* bytes16, int32_t string_format) {
+  if (bytes16 == nullptr) return {};
+  char text[NMB_VALUE_TEXT_ROOM];
+  return std::string(text, nmb_format_uint128_into(bytes16, string_format, text));
 }
 
 std::string nmb_format_int128_string(const uint8_t* bytes16, int32_t string_format) {

@@ -26,7 +26,18 @@ std::string nmb_format_guid_hex(uint64_t value);
 void nmb_format_guid_hex_into(uint64_t value, char (&out)[NMB_GUID_HEX_LENGTH + 1]);
 
 // Values in a string format (0 DEFAULT, 1 DECIMAL, 2 HEXADECIMAL, 3 UUID,
-// 4 BINARY); empty on failure.
+// 4 BINARY). The *_into forms write into a caller's buffer of
+// NMB_VALUE_TEXT_ROOM bytes and return the text length, so that exporters
+// format values without allocating; the string forms wrap them (empty on
+// failure). Both log the same warnings.
+// Room for the longest text (128 bits in binary: "0b" and 128 digits) and a
+// terminating zero.
+inline constexpr size_t NMB_VALUE_TEXT_ROOM = 136;
+size_t nmb_format_uint64_into(uint64_t value, int32_t string_format, char* out);
+size_t nmb_format_int64_into(int64_t value, int32_t string_format, char* out);
+size_t nmb_format_fp64_into(int32_t string_format, double value, char* out);
+// 16 bytes in memory order; the signed 128-bit text is the same.
+size_t nmb_format_uint128_into(const uint8_t* bytes16, int32_t string_format, char* out);
 std::string nmb_format_uint64_string(uint64_t value, int32_t string_format);
 std::string nmb_format_int64_string(int64_t value, int32_t string_format);
 std::string nmb_format_fp64_string(int32_t string_format, double value);
