@@ -12,42 +12,55 @@ namespace {
 
 constexpr int kMaxNesting = 2048;
 
-struct Refused {};
-
-// Tracks nesting and the keys of each open object while the parser runs, so
-// that a repeated key or a too deep document fails the whole parse.
+// A SAX handler that builds the document through the library's own DOM
+// builder and applies the input rules on the way: a repeated key in one
+// object or nesting deeper than kMaxNesting stops the parse. (The library's
+// callback parser is not used: it scans the parent container after every
+// nested value, which makes an array of many objects quadratic to read.)
 class InputRules {
  public:
-  bool operator()(int depth, Json::parse_event_t event, Json& parsed) {
-    (void)depth;
-    switch (event) {
-      case Json::parse_event_t::object_start:
-        check_depth();
-        keys_.emplace_back(std::in_place);
-        break;
-      case Json::parse_event_t::array_start:
-        check_depth();
-        keys_.emplace_back(std::nullopt);
-        break;
-      case Json::parse_event_t::object_end:
-      case Json::parse_event_t::array_end:
-        keys_.pop_back();
-        break;
-      case Json::parse_event_t::key:
-        if (!keys_.back()->insert(parsed.get<std::string>()).second) throw Refused{};
-        break;
-      case Json::parse_event_t::value:
-        check_depth();
-        break;
-    }
-    return true;
+  explicit InputRules(Json& result) : dom_(result, false) {}
+
+  bool null() { return value() && dom_.null(); }
+  bool boolean(bool v) { return value() && dom_.boolean(v); }
+  bool number_integer(Json::number_integer_t v) { return value() && dom_.number_integer(v); }
+  bool number_unsigned(Json::number_unsigned_t v) { return value() && dom_.number_unsigned(v); }
+  bool number_float(Json::number_float_t v, const Json::string_t& text) {
+    return value() && dom_.number_float(v, text);
+  }
+  bool string(Json::string_t& v) { return value() && dom_.string(v); }
+  bool binary(Json::binary_t& v) { return value() && dom_.binary(v); }
+  bool start_object(std::size_t length) {
+    if (!value()) return false;
+    keys_.emplace_back(std::in_place);
+    return dom_.start_object(length);
+  }
+  bool key(Json::string_t& k) {
+    if (!keys_.back()->insert(k).second) return false;
+    return dom_.key(k);
+  }
+  bool end_object() {
+    keys_.pop_back();
+    return dom_.end_object();
+  }
+  bool start_array(std::size_t length) {
+    if (!value()) return false;
+    keys_.emplace_back(std::nullopt);
+    return dom_.start_array(length);
+  }
+  bool end_array() {
+    keys_.pop_back();
+    return dom_.end_array();
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
+    return false;
   }
 
  private:
   // The depth of a value is the number of containers around it.
-  void check_depth() const {
-    if (keys_.size() > kMaxNesting) throw Refused{};
-  }
+  bool value() const { return keys_.size() <= kMaxNesting; }
+
+  nlohmann::detail::json_sax_dom_parser<Json> dom_;
   std::vector<std::optional<std::set<std::string>>> keys_;
 };
 
@@ -60,19 +73,15 @@ bool same_kind(const Json& a, const Json& b) {
 
 std::optional<Json> json_parse_text(std::string_view text) {
   if (text.size() >= 3 && text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
-  InputRules rules;
+  Json parsed;
+  InputRules rules(parsed);
   try {
-    Json parsed = Json::parse(text.begin(), text.end(),
-                              [&rules](int depth, Json::parse_event_t event, Json& value) {
-                                return rules(depth, event, value);
-                              });
-    if (parsed.is_discarded()) return std::nullopt;
-    return parsed;
-  } catch (const Refused&) {
-    return std::nullopt;
+    if (!Json::sax_parse(text.begin(), text.end(), &rules)) return std::nullopt;
   } catch (const Json::exception&) {
     return std::nullopt;
   }
+  if (parsed.is_discarded()) return std::nullopt;
+  return parsed;
 }
 
 std::optional<Json> json_parse_file(const char* path) {

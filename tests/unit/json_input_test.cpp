@@ -28,6 +28,28 @@ TEST(JsonInput, NestingLimit) {
   EXPECT_TRUE(json_parse_text(nested(2048)));
   EXPECT_FALSE(json_parse_text(nested(2049)));
   EXPECT_FALSE(json_parse_text(std::string(100000, '[')));
+  // The limit counts containers around a value, objects as well as arrays.
+  auto objects = [](int n) {
+    std::string text;
+    for (int i = 0; i < n; ++i) text += "{\"k\":";
+    return text + "1" + std::string(n, '}');
+  };
+  EXPECT_TRUE(json_parse_text(objects(2048)));
+  EXPECT_FALSE(json_parse_text(objects(2049)));
+}
+
+TEST(JsonInput, LongArraysOfObjectsReadInLinearTime) {
+  // (A schema type may list very many fields; reading them must not rescan
+  // the array after each one: this input took minutes that way.)
+  std::string text = "[";
+  for (int i = 0; i < 200000; ++i) text += i ? ",{\"a\":1,\"b\":[2]}" : "{\"a\":1,\"b\":[2]}";
+  text += "]";
+  auto parsed = json_parse_text(text);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->size(), 200000u);
+  EXPECT_EQ((*parsed)[199999]["b"][0], 2);
+  EXPECT_FALSE(json_parse_text(text.substr(0, text.size() - 1)));
+  EXPECT_FALSE(json_parse_text(R"([{"a":1,"a":2}])")) << "a repeated key still fails";
 }
 
 TEST(JsonInput, TemplateMatch) {
