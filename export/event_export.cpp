@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "data/format.h"
@@ -200,18 +202,20 @@ void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type) {
     plan.influx_measurement.push_back(c);
   }
   std::vector<FieldPlan> replaced;
+  // Member position by name: a schema may hold a great many fields, and a
+  // search per field would make the load quadratic.
+  std::unordered_map<std::string_view, size_t> position;
+  position.reserve(type.fields.size());
   for (const auto& field : type.fields) {
     FieldPlan field_plan = plan_field(field);
-    bool merged = false;
-    for (auto& member : plan.members) {
-      if (member.name == field_plan.name) {
-        replaced.push_back(std::move(member));
-        member = std::move(field_plan);
-        merged = true;
-        break;
-      }
+    auto [it, added] = position.emplace(field.field_name, plan.members.size());
+    if (added) {
+      plan.members.push_back(std::move(field_plan));
+    } else {
+      FieldPlan& member = plan.members[it->second];
+      replaced.push_back(std::move(member));
+      member = std::move(field_plan);
     }
-    if (!merged) plan.members.push_back(std::move(field_plan));
   }
   for (auto& field : replaced) {
     if (field_can_fail(field)) plan.checks.push_back(std::move(field));
