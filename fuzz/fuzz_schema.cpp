@@ -1,0 +1,159 @@
+// libFuzzer target: arbitrary bytes loaded as an event schema file and as a
+// counters schema file. Whatever loads is then used to export fixed events
+// blocks (every format that writes records) and a fixed counters block built
+// at start-up, so hostile layouts (types that contain themselves, absurd
+// offsets, sizes and array lengths, deep nesting) reach the exporters too.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "counters/counters_export.h"
+#include "counters/counters_schema.h"
+#include "data/format.h"
+#include "data/reader.h"
+#include "data/type_system.h"
+#include "export/event_export.h"
+#include "fuzz/fuzz_inputs.h"
+#include "utils/log.h"
+#include "utils/output.h"
+
+namespace {
+
+std::string g_work_dir;
+std::string g_schema_path;
+std::vector<nmb_read_options_t> g_options;
+// Record bytes of the events blocks, after their 16-byte header: one area of
+// small printable bytes (strings and floats that can be written) and one of
+// every byte value (invalid UTF-8, NaN patterns).
+std::vector<uint8_t> g_plain_records;
+std::vector<uint8_t> g_wild_records;
+std::vector<uint8_t> g_counters_block;
+
+void discard_log(uint32_t, const char* format, va_list args) {
+  char line[4096];
+  vsnprintf(line, sizeof line, format, args);
+}
+
+std::vector<uint8_t> events_block(const std::vector<uint8_t>& records, uint16_t type_index,
+                                  uint8_t num_events) {
+  std::vector<uint8_t> block(NMB_EVENT_BLOCK_HEADER_SIZE, 0);
+  std::memcpy(block.data(), "NMBE", 4);
+  const uint64_t timestamp = 1700000000123456;
+  std::memcpy(block.data() + NMB_EVENT_BLOCK_TIMESTAMP, &timestamp, sizeof timestamp);
+  block[NMB_EVENT_BLOCK_SCHEMA_INDEX] = 0;
+  std::memcpy(block.data() + NMB_EVENT_BLOCK_TYPE_INDEX, &type_index, sizeof type_index);
+  block[NMB_EVENT_BLOCK_NUM_EVENTS] = num_events;
+  block.insert(block.end(), records.begin(), records.end());
+  return block;
+}
+
+void export_events(const nmb_read_options_t& options, std::unique_ptr<nmb_type_system_t>& ts) {
+  nmb_reader_context_t reader;
+  reader.options = &options;
+  reader.path = "fuzz.bin";
+  reader.type_system = std::move(ts);
+  const nmb_schema_t& schema = *reader.type_system->schemas[0];
+  // The first types, the last one and one past the end.
+  std::vector<uint16_t> indexes;
+  for (uint16_t t = 0; t < std::min<uint16_t>(schema.num_types, 3); ++t) indexes.push_back(t);
+  indexes.push_back(schema.num_types > 0 ? schema.num_types - 1 : 0);
+  indexes.push_back(schema.num_types);
+  for (uint16_t t : indexes) {
+    for (const auto* records : {&g_plain_records, &g_wild_records}) {
+      std::vector<uint8_t> block = events_block(*records, t, 4);
+      nmb_export_events_block(reader, block);
+    }
+  }
+  ts = std::move(reader.type_system);
+}
+
+void export_counters(const nmb_read_options_t& options, std::unique_ptr<nmb_type_system_t>& ts) {
+  nmb_reader_context_t reader;
+  reader.options = &options;
+  reader.path = "fuzz.bin";
+  reader.type_system = std::move(ts);
+  nmb_export_counters_block(reader, g_counters_block);
+  ts = std::move(reader.type_system);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  int null_fd = open("/dev/null", O_WRONLY);
+  if (null_fd >= 0) {
+    dup2(null_fd, STDOUT_FILENO);
+    close(null_fd);
+  }
+  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
+
+  char dir[] = "/dev/shm/nmb_fuzz_schema.XXXXXX";
+  if (!mkdtemp(dir)) {
+    std::perror("mkdtemp");
+    std::abort();
+  }
+  g_work_dir = dir;
+  std::atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(g_work_dir, ec);
+  });
+  g_schema_path = g_work_dir + "/schema.json";
+  // NMB_FUZZ_SCHEMA_SEEDS=<folder>: also write the reader fuzzer's schemas
+  // there, as a seed corpus.
+  if (const char* seeds = std::getenv("NMB_FUZZ_SCHEMA_SEEDS"))
+    nmb::fuzz::write_fuzz_schemas(seeds);
+
+  for (int format : {NMB_FORMAT_JSON, NMB_FORMAT_NDJSON, NMB_FORMAT_INFLUX, NMB_FORMAT_TXT}) {
+    nmb_read_options_t options;
+    options.format = format;
+    nmb_string_array_append(options.include, "*");
+    g_options.push_back(std::move(options));
+  }
+
+  for (int i = 0; i < 2048; ++i) g_plain_records.push_back(static_cast<uint8_t>(' ' + i % 90));
+  for (int i = 0; i < 2048; ++i) {
+    g_wild_records.push_back(static_cast<uint8_t>((i * 131 + (i >> 8)) & 0xFF));
+  }
+
+  g_counters_block.assign(NMB_COUNTERS_BLOCK_HEADER_SIZE, 0);
+  std::memcpy(g_counters_block.data(), "NMBD", 4);
+  const uint64_t timestamp = 1700000000654321;
+  std::memcpy(g_counters_block.data() + NMB_COUNTERS_BLOCK_TIMESTAMP, &timestamp, sizeof timestamp);
+  for (int i = 0; i < 1024; ++i) {
+    g_counters_block.push_back(static_cast<uint8_t>(i % 7 == 0 ? 0 : 'A' + i % 26));
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FILE* file = std::fopen(g_schema_path.c_str(), "wb");
+  if (!file) std::abort();
+  if (size && std::fwrite(data, 1, size, file) != size) std::abort();
+  std::fclose(file);
+
+  std::unique_ptr<nmb_type_system_t> ts = nmb_type_system_create();
+  if (!ts) std::abort();
+  bool loaded = false;
+  if (nmb_type_system_load_schema(*ts, g_schema_path.c_str(), &loaded) != nullptr) {
+    for (const auto& options : g_options) export_events(options, ts);
+    nmb_schema_fill_md5(*ts->schemas[0]);
+  }
+
+  ts->counters_schema = nmb_counters_schema_load_file(g_schema_path.c_str());
+  if (ts->counters_schema) {
+    for (const auto& options : g_options) export_counters(options, ts);
+    uint8_t digest[16];
+    nmb_type_system_get_counters_schema_md5(*ts, digest);
+  }
+  nmb::stdout_buffer().flush();
+  return 0;
+}
