@@ -55,6 +55,9 @@ bool gzip_decode(const uint8_t* stream, size_t stream_size, uint8_t* out, size_t
     NMB_LOG(NMB_LOG_ERROR, "[encoded_data] zlib decompression failed");
     return false;
   }
+  // A stream may end before the output area is full (bytes after the gzip
+  // member make the size field): the rest of the page reads as zeros.
+  std::memset(zs.next_out, 0, zs.avail_out);
   return true;
 }
 

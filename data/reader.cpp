@@ -265,7 +265,6 @@ bool nmb_reader_process_block(nmb_reader_context_t& reader, std::span<const uint
 bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk) {
   const uint8_t* data = chunk.data();
   const size_t n = chunk.size();
-  std::vector<uint8_t>& page = reader.page_buffer;  // decoded page, followed by zero slack
   size_t p = 0;
   // A packed page needs magic, the size and stream size fields and a
   // trailer: fewer than 10 bytes can never hold one.
@@ -285,25 +284,32 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
                                      header_size + static_cast<size_t>(stream_size));
     uint64_t size = nmb_encoded_payload_decoded_size(payload);
     if (size > NMB_MAX_DECODED_PAGE_SIZE) return allocation_failed(size);
-    try {
-      page.assign(static_cast<size_t>(size) + NMB_READER_BUFFER_SLACK, 0);
-    } catch (const std::bad_alloc&) {
-      return allocation_failed(size);
+    const size_t page_size = static_cast<size_t>(size);
+    if (page_size + NMB_READER_BUFFER_SLACK > reader.page_capacity) {
+      reader.page_buffer.reset();
+      reader.page_capacity = 0;
+      try {
+        // Left unfilled: decoding writes every byte of a page it accepts.
+        reader.page_buffer =
+            std::make_unique_for_overwrite<uint8_t[]>(page_size + NMB_READER_BUFFER_SLACK);
+      } catch (const std::bad_alloc&) {
+        return allocation_failed(size);
+      }
+      reader.page_capacity = page_size + NMB_READER_BUFFER_SLACK;
     }
-    if (!nmb_decode_payload_into_buffer(payload, page.data(), static_cast<size_t>(size))) {
-      return false;
-    }
+    uint8_t* const page = reader.page_buffer.get();
+    if (!nmb_decode_payload_into_buffer(payload, page, page_size)) return false;
+    std::memset(page + page_size, 0, NMB_READER_BUFFER_SLACK);
 
     if (reader.options->format == NMB_FORMAT_BIN) {
       // -f bin: the decoded page goes to the data file writer here, once it
       // exists; until then the page is passed over.
     } else {
-      const size_t page_size = static_cast<size_t>(size);
-      const size_t length = decoded_page_block_length(page.data(), page_size);
+      const size_t length = decoded_page_block_length(page, page_size);
       // An empty decoded page (empty content, or a stream that decodes to
       // nothing) holds no block; a piece length of 0 would never advance.
       for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
-        if (!nmb_reader_process_block(reader, std::span<const uint8_t>(page.data() + start, length),
+        if (!nmb_reader_process_block(reader, std::span<const uint8_t>(page + start, length),
                                       true)) {
           return false;
         }

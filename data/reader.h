@@ -22,8 +22,12 @@ struct nmb_reader_context_t {  // one per data file
   uint8_t header[NMB_FILE_HEADER_SIZE] = {};
   std::unique_ptr<nmb_type_system_t> type_system;  // rebuilt by every schema load
   // Metadata of -M is kept here once that enrichment exists.
-  uint32_t records_written = 0;      // drives the json ",\n" separator
-  std::vector<uint8_t> page_buffer;  // decoded packed page, reused for every page
+  uint32_t records_written = 0;  // drives the json ",\n" separator
+  // The decoded packed page, reused for every page. Not filled ahead of
+  // decoding: a page claiming a large size whose stream stops early costs
+  // only what was decoded, not the claimed size.
+  std::unique_ptr<uint8_t[]> page_buffer;
+  size_t page_capacity = 0;  // bytes allocated, slack included
 
   nmb_reader_context_t();
   nmb_reader_context_t(const nmb_reader_context_t&) = delete;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -350,6 +352,20 @@ TEST_F(PageWalk, OversizedDecodedPageIsRefused) {
       walk(PackedPage('G').content(metrics_content(64)).gzip_size_field(0x40000001).bytes()));
   EXPECT_EQ(logged(),
             "[error] Failed to allocate data block of size 1073741825: Cannot allocate memory\n");
+}
+
+// A page claiming a large decoded size whose stream stops early must not cost
+// that much memory: the page buffer is not filled ahead of decoding.
+TEST_F(PageWalk, LargeClaimedSizeIsNotCommittedAheadOfDecoding) {
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  start();
+  EXPECT_FALSE(
+      walk(PackedPage('G').content(metrics_content(64)).gzip_size_field(1u << 30).bytes()));
+  EXPECT_EQ(logged(), "[error] [encoded_data] zlib decompression failed\n");
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256 * 1024) << "KiB of peak memory added";
 }
 
 }  // namespace
