@@ -54,11 +54,16 @@ struct GroupPlan {
   std::string granularity;  // quoted JSON string
   std::string name;         // quoted JSON string; empty when the name is not valid UTF-8
   uint32_t num_counter_sets = 0;
-  // Counters whose name a later counter of the group repeats: the member
-  // keeps the first position and takes the last value, but the earlier values
-  // are still built (they can fail the record or log warnings).
-  std::vector<CounterRender> shadowed;
   std::vector<Member> members;
+  // Only for groups that repeat a name: every counter in counter order with
+  // the member it sets. The member keeps the first position and takes the
+  // last value, but every value is still built, in counter order (they can
+  // fail the record or log warnings).
+  struct Step {
+    CounterRender value;
+    uint32_t member = 0;
+  };
+  std::vector<Step> steps;
 };
 
 // Read from the environment on the first counter value written.
@@ -174,11 +179,46 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
   return false;
 }
 
-// Scratch text for values that are built but not kept, and for the copy of a
-// counter set object repeated in one group.
-std::string& scratch_text() {
-  static std::string text;
-  return text;
+// Values of a group that repeats a name, built in counter order before the
+// members are written: their text and, per member, where its value starts
+// and ends. Reused, so a block allocates nothing once they have grown.
+struct StepScratch {
+  std::string text;
+  std::vector<std::pair<size_t, size_t>> spans;
+};
+StepScratch& step_scratch() {
+  static StepScratch scratch;
+  return scratch;
+}
+
+bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group,
+                       std::span<const uint8_t> values) {
+  if (group.steps.empty()) {
+    w.begin_object();
+    for (const auto& member : group.members) {
+      w.escaped_key(member.key);
+      if (!render_value(w, member.value, values)) return false;
+    }
+    w.end_object();
+    return true;
+  }
+  StepScratch& scratch = step_scratch();
+  scratch.text.clear();
+  scratch.spans.assign(group.members.size(), {0, 0});
+  for (const auto& step : group.steps) {
+    const size_t start = scratch.text.size();
+    nmb::JsonWriter value(scratch.text, false);
+    if (!render_value(value, step.value, values)) return false;
+    scratch.spans[step.member] = {start, scratch.text.size()};
+  }
+  w.begin_object();
+  for (size_t i = 0; i < group.members.size(); ++i) {
+    w.escaped_key(group.members[i].key);
+    const auto [start, end] = scratch.spans[i];
+    w.raw_value(std::string_view(scratch.text).substr(start, end - start));
+  }
+  w.end_object();
+  return true;
 }
 
 bool write_group(nmb::JsonWriter& w, const GroupPlan& group, std::span<const uint8_t> values) {
@@ -190,31 +230,11 @@ bool write_group(nmb::JsonWriter& w, const GroupPlan& group, std::span<const uin
   w.raw_value(group.name);
   w.escaped_key("\"counter_sets\"");
   w.begin_array();
-  if (group.num_counter_sets != 0) {
-    if (!group.shadowed.empty()) {
-      std::string& scratch = scratch_text();
-      for (const auto& r : group.shadowed) {
-        scratch.clear();
-        nmb::JsonWriter discard(scratch, false);
-        if (!render_value(discard, r, values)) return false;
-      }
-    }
-    std::string& out = w.out();
-    const size_t before = out.size();
-    w.begin_object();
-    for (const auto& member : group.members) {
-      w.escaped_key(member.key);
-      if (!render_value(w, member.value, values)) return false;
-    }
-    w.end_object();
-    if (group.num_counter_sets > 1) {
-      // Every counter set object of a group holds the same values: the text
-      // of the first is repeated.
-      std::string& copy = scratch_text();
-      copy.assign(out, out.find('{', before));
-      for (uint32_t i = 1; i < group.num_counter_sets; ++i) w.raw_value(copy);
-    }
-  }
+  // Every counter set object holds the same values, but each is built on its
+  // own, so that the formatters' warnings (and the debug dumps of strings)
+  // come once per set, as for any other value that is built.
+  for (uint32_t i = 0; i < group.num_counter_sets; ++i)
+    if (!write_counter_set(w, group, values)) return false;
   w.end_array();
   w.end_object();
   return true;
@@ -246,15 +266,21 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
     std::unordered_map<std::string_view, size_t> position;
     position.reserve(group.counters.size());
     gp.members.reserve(group.counters.size());
+    bool repeated = false;
     for (const auto& counter : group.counters) {
       auto [it, inserted] = position.emplace(counter.name, gp.members.size());
       if (inserted) {
         gp.members.push_back(Member{nmb::json_escape_key(counter.name), compile_counter(counter)});
       } else {
-        Member& member = gp.members[it->second];
-        gp.shadowed.push_back(member.value);
-        member.value = compile_counter(counter);
+        gp.members[it->second].value = compile_counter(counter);
+        repeated = true;
       }
+    }
+    if (repeated) {
+      gp.steps.reserve(group.counters.size());
+      for (const auto& counter : group.counters)
+        gp.steps.push_back(GroupPlan::Step{compile_counter(counter),
+                                           static_cast<uint32_t>(position.at(counter.name))});
     }
   }
   return plan;

@@ -8,6 +8,8 @@
 
 #include "counters/counters_schema.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/run_binary.h"
+#include "utils/log.h"
 
 namespace {
 
@@ -156,6 +158,29 @@ TEST_F(CountersExport, RepeatedNamesKeepFirstPositionAndLastValue) {
   nan.counter("a", "FP64").counter("a", "UINT64");
   auto failing = load(CountersSchema().group(nan));
   EXPECT_EQ(compact(*failing, Bytes().u64(0x7ff0000000000000).u64(1)), "FAILED");
+}
+
+// Every counter set object is built on its own, and values in counter order:
+// the warnings of the formatters come once per set, in counter order, also
+// when a repeated name moves a value to an earlier member.
+TEST_F(CountersExport, WarningsComeOncePerCounterSetInCounterOrder) {
+  CounterGroup g("g");
+  g.num_counter_sets = 2;
+  g.add(counter("w", "UINT128")).add(counter("u", "UINT64", "UUID")).add(counter("w", "INT128"));
+  auto schema = load(CountersSchema().group(g));
+  nmb_init_stderr_logger(NMB_LOG_WARNING);
+  testing::internal::CaptureStderr();
+  std::string out = compact(*schema, Bytes().u128(1, 0).u64(7).u128(2, 0), 0);
+  std::string err = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  nmb_logger_reset_for_tests();
+  const std::string wide =
+      "[warning] Decimal format not fully supported for 128-bit types, using hex "
+      "representation\n";
+  const std::string uuid =
+      "[warning] UUID format is only supported for 128-bit types, using DECIMAL for uint64\n";
+  EXPECT_EQ(err, wide + uuid + wide + wide + uuid + wide);
+  const std::string set = R"({"w":"02000000000000000000000000000000","u":"7"})";
+  EXPECT_NE(out.find("\"counter_sets\":[" + set + "," + set + "]"), std::string::npos) << out;
 }
 
 TEST_F(CountersExport, ValuesThatCannotBeBuiltFailTheBlock) {
