@@ -217,8 +217,11 @@ void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type) {
       member = std::move(field_plan);
     }
   }
+  // Whether a nested value can fail is known only once every plan of the
+  // schema is compiled (below), so replaced nested values are all kept.
   for (auto& field : replaced) {
-    if (field_can_fail(field)) plan.checks.push_back(std::move(field));
+    if (field_can_fail(field) || (field.kind == Kind::kNested && field.shape != Shape::kGuidHex))
+      plan.checks.push_back(std::move(field));
   }
   for (size_t i = 0; i < plan.members.size(); ++i) {
     if (plan.members[i].name == "header_timestamp")

@@ -204,6 +204,18 @@ TEST(EventExport, ValuesThatCannotBeBuiltTakeTheRecordBack) {
   EXPECT_EQ(e.out(), "");
   EXPECT_EQ(e.run(1, 1, Bytes().fixed("\xc0\x80", 4).u8(1)), 0u);
   EXPECT_EQ(e.out(), "");
+
+  // The same through a nested value that is replaced by a later field.
+  EventType inner("inner");
+  inner.field("s", "char", 1, 4);
+  EventType outer("outer");
+  outer.field("x", "inner", 4).field("x", "uint8_t", 1);
+  Exporter nested(EventSchema().type(inner).type(outer));
+  ASSERT_TRUE(nested.loaded());
+  EXPECT_EQ(nested.run(1, 1, Bytes().fixed("ok", 4).u8(5)), 21u);
+  EXPECT_EQ(nested.out(), "{\"x\":5" + tail());
+  EXPECT_EQ(nested.run(1, 1, Bytes().fixed("\xff", 4).u8(5)), 0u);
+  EXPECT_EQ(nested.out(), "");
 }
 
 TEST(EventExport, BlockWalkBoundsAndSelection) {
