@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/run_binary.h"
+#include "utils/log.h"
+
 namespace {
 
 // A counter as it appears in a schema document; `extra` holds further members.
@@ -167,6 +170,40 @@ TEST(CountersSchemaLoad, CounterFilterDropsCountersAndEmptyGroups) {
   auto only_empty = load(document({group({})}));
   ASSERT_TRUE(only_empty);
   EXPECT_FALSE(nmb_counters_schema_has_counters(*only_empty));
+}
+
+// The messages of a load, byte for byte: the version error, one debug line
+// per counter with its declared length (so 64-bit counters show size=0 unless
+// they declare one), the per-group set counts with "(null)" for a group
+// without a name, and the total with its trailing " d".
+TEST(CountersSchemaLoad, MessagesOfALoad) {
+  nmb_init_stderr_logger(NMB_LOG_DEBUG);
+  testing::internal::CaptureStderr();
+  auto schema = load(document(
+      {group({counter("a", "UINT64", R"("length":4)"), counter("s", "STRING", R"("length":3)")},
+             R"("name":"g")"),
+       group({counter("w", "UINT128")}, "", 2)},
+      "2.0.0"));
+  std::string err = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  testing::internal::CaptureStderr();
+  auto mismatch = load(R"({"version":"1.5.0"})");
+  std::string warning = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  nmb_logger_reset_for_tests();
+  ASSERT_TRUE(schema);
+  EXPECT_FALSE(mismatch);
+  EXPECT_EQ(schema->size, 27u);
+  EXPECT_EQ(err,
+            "[error] Version '2.0.0' of parsing schema is incompatible with current schema "
+            "version '1.5.0'\n"
+            "[debug] [schema] Set up counter a  size=4  offset=0\n"
+            "[debug] [schema] Set up counter s  size=3  offset=4\n"
+            "[debug] [schema] Set up counter w  size=0  offset=7\n"
+            "[debug] nmb_counters_schema_size_of_counters group g has 1 counter sets\n"
+            "[debug] nmb_counters_schema_size_of_counters group (null) has 2 counter sets\n"
+            "[debug] nmb_counters_schema_size_of_counters returning 27 d\n");
+  EXPECT_EQ(warning,
+            "[warning] JSON does not match schema '{\"version\" : \"\", \"counter_groups\" : "
+            "[]}'\n");
 }
 
 }  // namespace
