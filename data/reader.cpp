@@ -275,7 +275,7 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
         NMB_NMBP_MAGIC_SIZE + header_size + stream_size + NMB_NMBP_TRAILER_SIZE;
     // A page that does not fit or lacks its trailer ends this chunk quietly.
     // The whole page, trailer included, must lie inside the chunk: a trailer
-    // reaching past the chunk's end is never read (those bytes are zeros).
+    // reaching past the chunk's end is never read.
     if (packed_size > n - p) break;
     const size_t trailer = p + NMB_NMBP_MAGIC_SIZE + header_size + stream_size;
     if (std::memcmp(data + trailer, "nmbp", 4) != 0) break;
@@ -334,9 +334,13 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
   }
 
   const uint32_t block_size = nmb_header_block_size(reader.header);
-  std::vector<uint8_t> chunk;
+  // Not filled ahead: only the bytes read and the zero slack after them are
+  // ever looked at, so a small file announcing a large block size costs
+  // what it holds, not the block size.
+  std::unique_ptr<uint8_t[]> chunk;
   try {
-    chunk.assign(static_cast<size_t>(block_size) + NMB_READER_BUFFER_SLACK, 0);
+    chunk = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(block_size) +
+                                                      NMB_READER_BUFFER_SLACK);
   } catch (const std::bad_alloc&) {
     NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %u: %s", block_size,
             std::strerror(ENOMEM));
@@ -345,7 +349,7 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
 
   for (;;) {
     errno = 0;
-    int n = gzread(reader.file, chunk.data(), block_size);
+    int n = gzread(reader.file, chunk.get(), block_size);
     if (n < 0 ||
         (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
       NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
@@ -358,16 +362,13 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
       return false;
     }
     const size_t size = static_cast<size_t>(n);
-    if (size < block_size) {
-      if (!gzeof(reader.file)) {
-        NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
-                read_error_text(reader.file, reader.path));
-        return false;
-      }
-      // The short last chunk: clear what the previous chunk left behind.
-      std::memset(chunk.data() + size, 0, chunk.size() - size);
+    if (size < block_size && !gzeof(reader.file)) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
+              read_error_text(reader.file, reader.path));
+      return false;
     }
-    std::span<const uint8_t> block(chunk.data(), size);
+    std::memset(chunk.get() + size, 0, NMB_READER_BUFFER_SLACK);
+    std::span<const uint8_t> block(chunk.get(), size);
     bool ok = nmb_classify_block(block.data()) == NMB_PAGE_BLOCK
                   ? nmb_reader_process_page_chunk(reader, block)
                   : nmb_reader_process_block(reader, block, false);

@@ -4,6 +4,8 @@
 
 #include <sys/resource.h>
 
+#include <zlib.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -366,6 +368,28 @@ TEST_F(PageWalk, LargeClaimedSizeIsNotCommittedAheadOfDecoding) {
   rusage after{};
   getrusage(RUSAGE_SELF, &after);
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256 * 1024) << "KiB of peak memory added";
+}
+
+// The chunk buffer is not filled ahead either: a small file whose header
+// announces the largest block size reads without committing that much.
+TEST(ChunkLoop, LargeBlockSizeIsNotCommittedAheadOfReading) {
+  nmb::test::TempDir dir;
+  nmb::test::DataFile file;
+  file.block_size(125829119).chunk(
+      nmb::test::Chunk().raw(Bytes().text("NMBX").zeros(12).vec()).unpadded());
+  std::string path = file.write(dir.file("big_blocks.bin"));
+  nmb_read_options_t options;
+  options.format = NMB_FORMAT_NDJSON;
+  nmb_reader_context_t reader;
+  ASSERT_TRUE(nmb_reader_open(reader, path.c_str(), options));
+  ASSERT_EQ(gzread(reader.file, reader.header, NMB_FILE_HEADER_SIZE), 256);
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  EXPECT_TRUE(nmb_reader_process_chunks(reader));
+  EXPECT_EQ(reader.records_written, 1u);  // the short metrics chunk
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "KiB of peak memory added";
 }
 
 }  // namespace
