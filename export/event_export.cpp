@@ -48,7 +48,6 @@ enum class Shape : uint8_t {
   kScalar,      // array_length 1
   kCharString,  // char or unsigned char array: a string up to the first zero
   kArray,       // any other array
-  kGuidHex,     // GUID-like name with conversion on: 8 bytes at the offset as hex
 };
 
 struct FieldPlan {
@@ -59,6 +58,9 @@ struct FieldPlan {
   uint32_t count = 1;
   Shape shape = Shape::kScalar;
   Kind kind = Kind::kU8;
+  // A GUID-like name: with the conversion switch on, 8 bytes at the offset as
+  // "0x%016lx" whatever the shape and kind.
+  bool guid_like = false;
   const nmb_event_plan_t* nested = nullptr;
 };
 
@@ -91,7 +93,9 @@ bool kind_can_fail(Kind kind) {
   return kind == Kind::kF32 || kind == Kind::kF64;
 }
 
-// The event exporter's own copy of the GUID conversion switch, read on first use.
+// The event exporter's own copy of the GUID conversion switch, read when the
+// first record is built (not at schema load: reading it may log the warning
+// about conflicting environment variables, which belongs to the first export).
 bool guid_conversion_on() {
   static const bool on = nmb_read_guid_conversion_switch();
   return on;
@@ -124,7 +128,6 @@ void nmb_event_plan_deleter::operator()(nmb_event_plan_t* plan) const {
 namespace {
 
 bool field_can_fail(const FieldPlan& field) {
-  if (field.shape == Shape::kGuidHex) return false;
   if (field.shape == Shape::kCharString) return true;
   if (field.kind == Kind::kNested) return field.nested != nullptr && field.nested->can_fail;
   return kind_can_fail(field.kind);
@@ -182,9 +185,8 @@ FieldPlan plan_field(const nmb_type_field_definition_t& field) {
   } else {
     plan.kind = builtin_kind(type->type_code, nmb_name_has_guid(field.field_name.c_str()));
   }
-  if (guid_conversion_on() && nmb_is_guid_field_name(field.field_name.c_str())) {
-    plan.shape = Shape::kGuidHex;
-  } else if (plan.count == 1) {
+  plan.guid_like = nmb_is_guid_field_name(field.field_name.c_str());
+  if (plan.count == 1) {
     plan.shape = Shape::kScalar;
   } else if (type->type_code == NMB_TYPE_CHAR || type->type_code == NMB_TYPE_UNSIGNED_CHAR) {
     plan.shape = Shape::kCharString;
@@ -220,7 +222,7 @@ void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type) {
   // Whether a nested value can fail is known only once every plan of the
   // schema is compiled (below), so replaced nested values are all kept.
   for (auto& field : replaced) {
-    if (field_can_fail(field) || (field.kind == Kind::kNested && field.shape != Shape::kGuidHex))
+    if (field_can_fail(field) || field.kind == Kind::kNested)
       plan.checks.push_back(std::move(field));
   }
   for (size_t i = 0; i < plan.members.size(); ++i) {
@@ -327,13 +329,13 @@ bool write_element(nmb::JsonWriter& w, const FieldPlan& field, const RecordBytes
 bool write_value(nmb::JsonWriter& w, const FieldPlan& field, const RecordBytes& rec,
                  uint64_t base) {
   const uint64_t at = base + field.offset;
+  if (field.guid_like && guid_conversion_on()) {
+    write_guid(w, rec.get<uint64_t>(at));
+    return true;
+  }
   switch (field.shape) {
     case Shape::kScalar:
       return write_element(w, field, rec, at);
-    case Shape::kGuidHex: {
-      write_guid(w, rec.get<uint64_t>(at));
-      return true;
-    }
     case Shape::kCharString: {
       uint64_t length = 0;
       if (at < rec.size) length = rec.size - at < field.count ? rec.size - at : field.count;
@@ -522,7 +524,7 @@ void influx_members(std::string& out, const nmb_event_plan_t& plan, const Record
     size_t mark = prefix.size();
     influx_key(prefix, field.name);
     const uint64_t at = base + field.offset;
-    if (field.shape == Shape::kGuidHex) {
+    if (field.guid_like && guid_conversion_on()) {
       char hex[NMB_GUID_HEX_LENGTH + 1];
       nmb_format_guid_hex_into(rec.get<uint64_t>(at), hex);
       influx_separator(out, first);
@@ -565,6 +567,7 @@ bool export_event(nmb_reader_context_t& reader, const nmb_event_plan_t& plan,
     case NMB_FORMAT_JSON:
     case NMB_FORMAT_NDJSON: {
       const size_t mark = out.size();
+      guid_conversion_on();  // read on the first record built, as its first field asks
       nmb_reader_begin_json_record(reader);
       nmb::JsonWriter w(out, format == NMB_FORMAT_JSON);
       w.begin_object();
@@ -585,6 +588,7 @@ bool export_event(nmb_reader_context_t& reader, const nmb_event_plan_t& plan,
       break;
     case NMB_FORMAT_INFLUX: {
       const size_t mark = out.size();
+      guid_conversion_on();
       out.append(plan.influx_measurement);
       bool first = true;
       scratch.clear();

@@ -145,6 +145,23 @@ TEST_F(EventsE2E, GuidConversionSwitch) {
               "{\"node_guid\":1,\"port_guid\":\"0x0000000000000002\",\"sys_guid\":3,\"guidance\":4")
         << off;
   }
+
+  // The switch is read when the first record is built: a file whose event
+  // schemas load but that holds no events block never reads it, so the
+  // conflict warning of the two variables is not logged.
+  RunOptions conflict;
+  conflict.env.emplace_back("NMB_CONVERT_GUID_TO_HEX_STRING", "1");
+  conflict.env.emplace_back("CONVERT_GUID_TO_HEX_STRING", "0");
+  std::string no_events = write({schema(EventSchema().type(t))}, {}, "no_events.bin");
+  RunResult r = run({"-f", "ndjson", no_events}, conflict);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err.find("Environment variables conflict"), std::string::npos) << r.err;
+  r = run({"-f", "ndjson", path}, conflict);
+  EXPECT_EQ(r.status, 0) << r.err;
+  const std::string warning = "Environment variables conflict - NMB_CONVERT_GUID_TO_HEX_STRING=1";
+  ASSERT_NE(r.err.find(warning), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find(warning, r.err.find(warning) + 1), std::string::npos) << "read once";
+  EXPECT_EQ(r.out.rfind("{\"node_guid\":\"0x", 0), 0u) << r.out;
 }
 
 TEST_F(EventsE2E, ArraysAndNestedTypes) {
