@@ -1,6 +1,48 @@
 #include "fuzz/fuzz_inputs.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "utils/log.h"
+
 namespace nmb::fuzz {
+
+namespace {
+
+std::string g_work_dir;
+
+void discard_log(uint32_t, const char* format, va_list args) {
+  char line[4096];
+  vsnprintf(line, sizeof line, format, args);
+}
+
+}  // namespace
+
+std::string quiet_fuzz_setup(const char* prefix) {
+  int null_fd = open("/dev/null", O_WRONLY);
+  if (null_fd >= 0) {
+    dup2(null_fd, STDOUT_FILENO);
+    close(null_fd);
+  }
+  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
+
+  std::string pattern = std::string("/dev/shm/") + prefix + ".XXXXXX";
+  if (!mkdtemp(pattern.data())) {
+    std::perror("mkdtemp");
+    std::abort();
+  }
+  g_work_dir = pattern;
+  std::atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(g_work_dir, ec);
+  });
+  return g_work_dir;
+}
 
 using namespace nmb::test;
 

@@ -29,27 +29,10 @@ std::string g_work_dir;
 nmb_read_options_t g_options[4];
 uint8_t g_header[NMB_FILE_HEADER_SIZE] = {};
 
-void discard_log(uint32_t, const char* format, va_list args) {
-  char line[4096];
-  vsnprintf(line, sizeof line, format, args);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
-  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
-
-  char dir[] = "/dev/shm/nmb_fuzz_page.XXXXXX";
-  if (!mkdtemp(dir)) {
-    std::perror("mkdtemp");
-    std::abort();
-  }
-  g_work_dir = dir;
-  std::atexit([] {
-    std::error_code ec;
-    std::filesystem::remove_all(g_work_dir, ec);
-  });
+  g_work_dir = nmb::fuzz::quiet_fuzz_setup("nmb_fuzz_page");
   const std::string schema_dir = g_work_dir + "/schema";
   nmb::fuzz::FuzzSchemas ids = nmb::fuzz::write_fuzz_schemas(schema_dir);
   std::memcpy(g_header + NMB_FH_COUNTERS_SCHEMA_ID, ids.counters.data(), NMB_SCHEMA_ID_SIZE);

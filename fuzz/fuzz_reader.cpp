@@ -27,12 +27,6 @@ nmb_read_options_t g_json;
 nmb_read_options_t g_ndjson;
 nmb_read_options_t g_headers;
 
-// Formats every message (so that bad format arguments are found) and drops it.
-void discard_log(uint32_t, const char* format, va_list args) {
-  char line[4096];
-  vsnprintf(line, sizeof line, format, args);
-}
-
 nmb_read_options_t options_for(const std::string& schema_dir, int format) {
   nmb_read_options_t options;
   options.schema_path = schema_dir;
@@ -44,27 +38,10 @@ nmb_read_options_t options_for(const std::string& schema_dir, int format) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Exported records go to /dev/null; libFuzzer keeps standard error.
-  int null_fd = open("/dev/null", O_WRONLY);
-  if (null_fd >= 0) {
-    dup2(null_fd, STDOUT_FILENO);
-    close(null_fd);
-  }
-  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
-
-  char dir[] = "/dev/shm/nmb_fuzz.XXXXXX";
-  if (!mkdtemp(dir)) {
-    std::perror("mkdtemp");
-    std::abort();
-  }
-  g_work_dir = dir;
-  std::atexit([] {
-    std::error_code ec;
-    std::filesystem::remove_all(g_work_dir, ec);
-  });
-  std::string schema_dir = std::string(dir) + "/schema";
+  g_work_dir = nmb::fuzz::quiet_fuzz_setup("nmb_fuzz");
+  std::string schema_dir = g_work_dir + "/schema";
   nmb::fuzz::write_fuzz_schemas(schema_dir);
-  g_data_path = std::string(dir) + "/input.bin";
+  g_data_path = g_work_dir + "/input.bin";
 
   g_json = options_for(schema_dir, NMB_FORMAT_JSON);
   g_json.sort_files = true;

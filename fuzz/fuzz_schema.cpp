@@ -39,11 +39,6 @@ std::vector<uint8_t> g_plain_records;
 std::vector<uint8_t> g_wild_records;
 std::vector<uint8_t> g_counters_block;
 
-void discard_log(uint32_t, const char* format, va_list args) {
-  char line[4096];
-  vsnprintf(line, sizeof line, format, args);
-}
-
 std::vector<uint8_t> events_block(const std::vector<uint8_t>& records, uint16_t type_index,
                                   uint8_t num_events) {
   std::vector<uint8_t> block(NMB_EVENT_BLOCK_HEADER_SIZE, 0);
@@ -89,23 +84,7 @@ void export_counters(const nmb_read_options_t& options, std::unique_ptr<nmb_type
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  int null_fd = open("/dev/null", O_WRONLY);
-  if (null_fd >= 0) {
-    dup2(null_fd, STDOUT_FILENO);
-    close(null_fd);
-  }
-  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
-
-  char dir[] = "/dev/shm/nmb_fuzz_schema.XXXXXX";
-  if (!mkdtemp(dir)) {
-    std::perror("mkdtemp");
-    std::abort();
-  }
-  g_work_dir = dir;
-  std::atexit([] {
-    std::error_code ec;
-    std::filesystem::remove_all(g_work_dir, ec);
-  });
+  g_work_dir = nmb::fuzz::quiet_fuzz_setup("nmb_fuzz_schema");
   g_schema_path = g_work_dir + "/schema.json";
   // NMB_FUZZ_SCHEMA_SEEDS=<folder>: also write the reader fuzzer's schemas
   // there, as a seed corpus.
