@@ -42,33 +42,6 @@ class EventsE2E : public ::testing::Test {
   TempDir dir_;
 };
 
-EventType all_builtins() {
-  EventType t("all");
-  t.field("b", "bool", 1)
-      .field("c", "char", 1)
-      .field("s", "short", 2)
-      .field("i", "int", 4)
-      .field("l", "long", 8)
-      .field("ll", "long long", 8)
-      .field("uc", "unsigned char", 1)
-      .field("us", "unsigned short", 2)
-      .field("ui", "unsigned int", 4)
-      .field("ul", "unsigned long", 8)
-      .field("ull", "unsigned long long", 8)
-      .field("f", "float", 4)
-      .field("d", "double", 8)
-      .field("i8", "int8_t", 1)
-      .field("i16", "int16_t", 2)
-      .field("i32", "int32_t", 4)
-      .field("i64", "int64_t", 8)
-      .field("u8", "uint8_t", 1)
-      .field("u16", "uint16_t", 2)
-      .field("u32", "uint32_t", 4)
-      .field("u64", "uint64_t", 8)
-      .field("ts", "timestamp", 8);
-  return t;
-}
-
 ByteVec all_builtins_record(int8_t sign) {
   return Bytes()
       .u8(1)
@@ -96,7 +69,7 @@ ByteVec all_builtins_record(int8_t sign) {
 }
 
 TEST_F(EventsE2E, EveryBuiltInTypeInNdjsonAndJson) {
-  SchemaId id = schema(EventSchema().type(all_builtins()));
+  SchemaId id = schema(EventSchema().type(every_builtin_type()));
   ByteVec records = Bytes().raw(all_builtins_record(1)).raw(all_builtins_record(-1));
   std::string path = write({id}, {Chunk().events(kT1, 0, 0, 2, records)});
 

@@ -455,6 +455,33 @@ std::string DataFile::write(const std::string& path) const {
 // ---------------------------------------------------------------------------
 // Schema files.
 
+EventType every_builtin_type() {
+  EventType t("all");
+  t.field("b", "bool", 1)
+      .field("c", "char", 1)
+      .field("s", "short", 2)
+      .field("i", "int", 4)
+      .field("l", "long", 8)
+      .field("ll", "long long", 8)
+      .field("uc", "unsigned char", 1)
+      .field("us", "unsigned short", 2)
+      .field("ui", "unsigned int", 4)
+      .field("ul", "unsigned long", 8)
+      .field("ull", "unsigned long long", 8)
+      .field("f", "float", 4)
+      .field("d", "double", 8)
+      .field("i8", "int8_t", 1)
+      .field("i16", "int16_t", 2)
+      .field("i32", "int32_t", 4)
+      .field("i64", "int64_t", 8)
+      .field("u8", "uint8_t", 1)
+      .field("u16", "uint16_t", 2)
+      .field("u32", "uint32_t", 4)
+      .field("u64", "uint64_t", 8)
+      .field("ts", "timestamp", 8);
+  return t;
+}
+
 EventType& EventType::field(std::string field_name, std::string type_name, uint64_t type_size,
                             uint16_t array_length, std::string counting_mode) {
   EventField f;

@@ -289,6 +289,11 @@ struct EventType {
   EventType& record_size(uint64_t record_size);
 };
 
+// A type "all" with one field of each of the 22 built-in types, in table order,
+// named b, c, s, i, l, ll, uc, us, ui, ul, ull, f, d, i8, i16, i32, i64, u8,
+// u16, u32, u64, ts.
+EventType every_builtin_type();
+
 struct EventSchema {
   std::string nmb_version = "1.5.0";
   std::string provider_name = "test_provider";
