@@ -10,6 +10,8 @@
 #include <cstring>
 #include <span>
 
+#include "data/format.h"
+
 namespace nmb::counters {
 
 // Copies `count` bytes at `offset` into `out`; bytes past the area are zero.
@@ -43,6 +45,19 @@ inline std::span<const uint8_t> clamp_bytes(std::span<const uint8_t> area, uint6
   if (offset >= area.size()) return {};
   size_t available = area.size() - static_cast<size_t>(offset);
   return area.subspan(static_cast<size_t>(offset), length < available ? length : available);
+}
+
+// A counters block cut into its header timestamp and its value area (what
+// follows the 16-byte header; empty for a block too short to have one).
+struct BlockView {
+  uint64_t timestamp;
+  std::span<const uint8_t> values;
+};
+
+inline BlockView split_block(std::span<const uint8_t> block) {
+  return {read_u64(block, 8), block.size() > NMB_COUNTERS_BLOCK_HEADER_SIZE
+                                  ? block.subspan(NMB_COUNTERS_BLOCK_HEADER_SIZE)
+                                  : std::span<const uint8_t>()};
 }
 
 }  // namespace nmb::counters

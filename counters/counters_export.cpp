@@ -290,13 +290,7 @@ bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block
                                 const nmb_counters_schema_t& schema, bool microsecond_precision,
                                 bool pretty) {
   const size_t mark = out.size();
-  uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
-  nmb::counters::read_bytes(block, 0, header, sizeof header);
-  uint64_t timestamp;
-  std::memcpy(&timestamp, header + 8, sizeof timestamp);
-  std::span<const uint8_t> values = block.size() > NMB_COUNTERS_BLOCK_HEADER_SIZE
-                                        ? block.subspan(NMB_COUNTERS_BLOCK_HEADER_SIZE)
-                                        : std::span<const uint8_t>();
+  const auto [timestamp, values] = nmb::counters::split_block(block);
 
   nmb::JsonWriter w(out, pretty);
   w.begin_object();

@@ -134,13 +134,7 @@ void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& g
 void nmb_print_counters_block_text(std::string& out, std::span<const uint8_t> block,
                                    const nmb_counters_schema_t& schema,
                                    bool microsecond_precision) {
-  uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
-  nmb::counters::read_bytes(block, 0, header, sizeof header);
-  uint64_t timestamp;
-  std::memcpy(&timestamp, header + 8, sizeof timestamp);
-  std::span<const uint8_t> values = block.size() > NMB_COUNTERS_BLOCK_HEADER_SIZE
-                                        ? block.subspan(NMB_COUNTERS_BLOCK_HEADER_SIZE)
-                                        : std::span<const uint8_t>();
+  const auto [timestamp, values] = nmb::counters::split_block(block);
   char text[64];
   size_t length = nmb_format_timestamp_into(timestamp, microsecond_precision, text, sizeof text);
   if (length != 0)
