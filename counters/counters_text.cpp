@@ -34,6 +34,17 @@ __attribute__((format(printf, 2, 3))) void appendf(std::string& out, const char*
   out.resize(start + static_cast<size_t>(n));
 }
 
+// " %*s |": the text right-aligned in `width` columns, as printf pads it.
+void append_cell(std::string& out, const char* text, int width) {
+  size_t length = std::strlen(text);
+  out.push_back(' ');
+  if (width > 0 && length < static_cast<size_t>(width)) {
+    out.append(static_cast<size_t>(width) - length, ' ');
+  }
+  out.append(text, length);
+  out.append(" |", 2);
+}
+
 // The format a cell is written in: DEFAULT is hexadecimal for BIT64 and
 // decimal for everything else.
 int32_t cell_format(const nmb_counter_info_t& counter) {
@@ -52,20 +63,20 @@ void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& co
     case NMB_COUNTER_DATA_TYPE_UINT64:
     case NMB_COUNTER_DATA_TYPE_BIT64:
       nmb_format_uint64_into(nmb::counters::read_u64(values, offset), format, text);
-      appendf(out, " %*s |", width, text);
+      append_cell(out, text, width);
       return;
     case NMB_COUNTER_DATA_TYPE_FP64: {
       uint64_t bits = nmb::counters::read_u64(values, offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
       nmb_format_fp64_into(format, value, text);
-      appendf(out, " %*s |", width, text);
+      append_cell(out, text, width);
       return;
     }
     case NMB_COUNTER_DATA_TYPE_INT64:
       nmb_format_int64_into(static_cast<int64_t>(nmb::counters::read_u64(values, offset)), format,
                             text);
-      appendf(out, " %*s |", width, text);
+      append_cell(out, text, width);
       return;
     case NMB_COUNTER_DATA_TYPE_STRING: {
       // At most 20 characters, up to a zero byte; they may run past the
@@ -80,7 +91,7 @@ void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& co
       uint8_t bytes[16];
       nmb::counters::read_bytes(values, offset, bytes, sizeof bytes);
       nmb_format_uint128_into(bytes, format, text);
-      appendf(out, " %*s |", width, text);
+      append_cell(out, text, width);
       return;
     }
     default: {
@@ -115,8 +126,7 @@ void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& g
     appendf(out, "| %*s |", g, granularity);
   else
     out.push_back('|');
-  for (const auto& counter : group.counters)
-    appendf(out, " %*s |", kCellWidth, counter.name.c_str());
+  for (const auto& counter : group.counters) append_cell(out, counter.name.c_str(), kCellWidth);
   out.push_back('\n');
   rule();
   // Without counter sets no value row follows, so the rule under the heading
