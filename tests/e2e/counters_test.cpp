@@ -15,16 +15,6 @@ using namespace nmb::test;
 
 constexpr uint64_t kT0 = 1700000000000000;  // 2023-11-14 22:13:20 UTC
 
-Counter make_counter(std::string name, std::string type, std::string format = "",
-                     uint32_t length = 0) {
-  Counter c;
-  c.name = std::move(name);
-  c.data_type = std::move(type);
-  if (!format.empty()) c.string_format = std::move(format);
-  if (length) c.length = length;
-  return c;
-}
-
 class CountersE2E : public ::testing::Test {
  protected:
   // Writes the schema and a file of the given counters blocks.

@@ -455,6 +455,16 @@ std::string DataFile::write(const std::string& path) const {
 // ---------------------------------------------------------------------------
 // Schema files.
 
+Counter make_counter(std::string name, std::string data_type, std::string string_format,
+                     uint32_t length) {
+  Counter c;
+  c.name = std::move(name);
+  c.data_type = std::move(data_type);
+  if (!string_format.empty()) c.string_format = std::move(string_format);
+  if (length) c.length = length;
+  return c;
+}
+
 EventType every_builtin_type() {
   EventType t("all");
   t.field("b", "bool", 1)

@@ -318,6 +318,11 @@ struct Counter {
   std::optional<uint16_t> index;
 };
 
+// A counter of `data_type`; the string format and length are set only when
+// given (non-empty, non-zero), so the keys are otherwise left out.
+Counter make_counter(std::string name, std::string data_type, std::string string_format = "",
+                     uint32_t length = 0);
+
 struct CounterGroup {
   std::string granularity = "NODE";
   std::optional<std::string> name;

@@ -43,38 +43,28 @@ class CountersExport : public ::testing::Test {
     }
     return out.substr(6);
   }
-
-  static Counter counter(std::string name, std::string type, std::string format = "",
-                         uint32_t length = 0) {
-    Counter c;
-    c.name = std::move(name);
-    c.data_type = std::move(type);
-    if (!format.empty()) c.string_format = std::move(format);
-    if (length) c.length = length;
-    return c;
-  }
 };
 
 TEST_F(CountersExport, EveryTypeAndFormat) {
   CounterGroup g("g");
-  g.add(counter("u", "UINT64"))
-      .add(counter("b", "BIT64"))
-      .add(counter("my_guid", "UINT64", "DECIMAL"))
-      .add(counter("someguids", "UINT64"))
-      .add(counter("ux", "UINT64", "HEXADECIMAL"))
-      .add(counter("ub", "BIT64", "BINARY"))
-      .add(counter("uu", "UINT64", "UUID"))
-      .add(counter("f", "FP64"))
-      .add(counter("fh", "FP64", "HEXADECIMAL"))
-      .add(counter("fu", "FP64", "UUID"))
-      .add(counter("i", "INT64", "DECIMAL"))
-      .add(counter("ih", "INT64", "HEXADECIMAL"))
-      .add(counter("s", "STRING", "", 6))
-      .add(counter("w", "UINT128"))
-      .add(counter("wu", "UINT128", "UUID"))
-      .add(counter("wi", "INT128", "HEXADECIMAL"))
-      .add(counter("x", "Undefined"))
-      .add(counter("y", "WHAT"));
+  g.add(nmb::test::make_counter("u", "UINT64"))
+      .add(nmb::test::make_counter("b", "BIT64"))
+      .add(nmb::test::make_counter("my_guid", "UINT64", "DECIMAL"))
+      .add(nmb::test::make_counter("someguids", "UINT64"))
+      .add(nmb::test::make_counter("ux", "UINT64", "HEXADECIMAL"))
+      .add(nmb::test::make_counter("ub", "BIT64", "BINARY"))
+      .add(nmb::test::make_counter("uu", "UINT64", "UUID"))
+      .add(nmb::test::make_counter("f", "FP64"))
+      .add(nmb::test::make_counter("fh", "FP64", "HEXADECIMAL"))
+      .add(nmb::test::make_counter("fu", "FP64", "UUID"))
+      .add(nmb::test::make_counter("i", "INT64", "DECIMAL"))
+      .add(nmb::test::make_counter("ih", "INT64", "HEXADECIMAL"))
+      .add(nmb::test::make_counter("s", "STRING", "", 6))
+      .add(nmb::test::make_counter("w", "UINT128"))
+      .add(nmb::test::make_counter("wu", "UINT128", "UUID"))
+      .add(nmb::test::make_counter("wi", "INT128", "HEXADECIMAL"))
+      .add(nmb::test::make_counter("x", "Undefined"))
+      .add(nmb::test::make_counter("y", "WHAT"));
   auto schema = load(CountersSchema().group(g));
   ByteVec values = Bytes()
                        .u64(7)
@@ -166,7 +156,9 @@ TEST_F(CountersExport, RepeatedNamesKeepFirstPositionAndLastValue) {
 TEST_F(CountersExport, WarningsComeOncePerCounterSetInCounterOrder) {
   CounterGroup g("g");
   g.num_counter_sets = 2;
-  g.add(counter("w", "UINT128")).add(counter("u", "UINT64", "UUID")).add(counter("w", "INT128"));
+  g.add(nmb::test::make_counter("w", "UINT128"))
+      .add(nmb::test::make_counter("u", "UINT64", "UUID"))
+      .add(nmb::test::make_counter("w", "INT128"));
   auto schema = load(CountersSchema().group(g));
   nmb_init_stderr_logger(NMB_LOG_WARNING);
   testing::internal::CaptureStderr();
@@ -228,7 +220,7 @@ TEST_F(CountersExport, ValuesPastTheBlockReadAsZeros) {
 
 TEST_F(CountersExport, TextTableOfTwoCounters) {
   CounterGroup g("g");
-  g.add(counter("first", "UINT64")).add(counter("second", "BIT64"));
+  g.add(nmb::test::make_counter("first", "UINT64")).add(nmb::test::make_counter("second", "BIT64"));
   auto schema = load(CountersSchema().group(g));
   std::string out;
   nmb_print_counter_group_text(out, schema->groups[0], Bytes().u64(42).u64(0xbeef).vec());
@@ -267,22 +259,23 @@ TEST_F(CountersExport, TextCells) {
     nmb_print_counter_value_text(out, info, 20, values, offset);
     return out;
   };
-  EXPECT_EQ(cell(counter("u", "UINT64"), Bytes().u64(123)), col("123"));
-  EXPECT_EQ(cell(counter("u", "UINT64"), Bytes().u64(123)).size(), 23u);
-  EXPECT_EQ(cell(counter("b", "BIT64", "DECIMAL"), Bytes().u64(255)), col("255"));
-  EXPECT_EQ(cell(counter("x", "Undefined"), Bytes().i64(123456)),
+  EXPECT_EQ(cell(nmb::test::make_counter("u", "UINT64"), Bytes().u64(123)), col("123"));
+  EXPECT_EQ(cell(nmb::test::make_counter("u", "UINT64"), Bytes().u64(123)).size(), 23u);
+  EXPECT_EQ(cell(nmb::test::make_counter("b", "BIT64", "DECIMAL"), Bytes().u64(255)), col("255"));
+  EXPECT_EQ(cell(nmb::test::make_counter("x", "Undefined"), Bytes().i64(123456)),
             " " + std::string(15, ' ') + "123 k |");
-  EXPECT_EQ(cell(counter("x", "Undefined"), Bytes().i64(999)), col("999"));
-  EXPECT_EQ(cell(counter("x", "Undefined"), Bytes().i64(-5000)), col("-5000"));
-  EXPECT_EQ(cell(counter("i", "INT64"), Bytes().i64(-7)), col("-7"));
-  EXPECT_EQ(cell(counter("f", "FP64"), Bytes().f64(2.5)), col("2.500000"));
+  EXPECT_EQ(cell(nmb::test::make_counter("x", "Undefined"), Bytes().i64(999)), col("999"));
+  EXPECT_EQ(cell(nmb::test::make_counter("x", "Undefined"), Bytes().i64(-5000)), col("-5000"));
+  EXPECT_EQ(cell(nmb::test::make_counter("i", "INT64"), Bytes().i64(-7)), col("-7"));
+  EXPECT_EQ(cell(nmb::test::make_counter("f", "FP64"), Bytes().f64(2.5)), col("2.500000"));
   // Strings take up to 20 bytes from their slot on, past the slot's 8.
-  EXPECT_EQ(cell(counter("s", "STRING"), Bytes().text("abcdefghijklmnopqrstuvwxyz")),
-            " abcdefghijklmnopqrst |");
-  EXPECT_EQ(cell(counter("s", "STRING"), Bytes().text("ab")), col("ab"));
-  EXPECT_EQ(cell(counter("w", "UINT128", "HEXADECIMAL"), Bytes().u128(1, 0)),
+  EXPECT_EQ(
+      cell(nmb::test::make_counter("s", "STRING"), Bytes().text("abcdefghijklmnopqrstuvwxyz")),
+      " abcdefghijklmnopqrst |");
+  EXPECT_EQ(cell(nmb::test::make_counter("s", "STRING"), Bytes().text("ab")), col("ab"));
+  EXPECT_EQ(cell(nmb::test::make_counter("w", "UINT128", "HEXADECIMAL"), Bytes().u128(1, 0)),
             " 0x01000000000000000000000000000000 |");
-  EXPECT_EQ(cell(counter("u", "UINT64"), Bytes().u64(1), 8), col("0"))
+  EXPECT_EQ(cell(nmb::test::make_counter("u", "UINT64"), Bytes().u64(1), 8), col("0"))
       << "a slot past the area reads zero";
 }
 
