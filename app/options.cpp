@@ -14,6 +14,7 @@
 #include <zlib.h>
 
 #include "build_info.h"
+#include "nmb_version.h"
 #include "utils/log.h"
 #include "utils/numbers.h"
 #include "utils/output.h"

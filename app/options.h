@@ -8,7 +8,6 @@
 
 #include "utils/string_array.h"
 
-inline constexpr const char* NMB_VERSION_STRING = "1.26.3";
 inline constexpr uint32_t NMB_MAX_VERBOSITY = 7;
 
 // Output format codes.

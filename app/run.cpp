@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -10,6 +11,11 @@
 
 #include "data/format.h"
 #include "data/reader.h"
+#include "export/bin_sink.h"
+#include "export/csv_sink.h"
+#include "export/influx_sink.h"
+#include "export/json_sink.h"
+#include "export/text_sink.h"
 #include "utils/log.h"
 #include "utils/output.h"
 
@@ -71,8 +77,55 @@ void sort_entries(std::vector<file_entry_t>& entries, const nmb_sort_order_t& or
   log_entries("after sort: ", entries);
 }
 
+}  // namespace
+
+std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
+                                                    nmb::OutputBuffer& out) {
+  switch (format) {
+    case NMB_FORMAT_JSON:
+      return std::make_unique<nmb::JsonSink>(settings, out, true);
+    case NMB_FORMAT_NDJSON:
+      return std::make_unique<nmb::JsonSink>(settings, out, false);
+    case NMB_FORMAT_CSV:
+      return std::make_unique<nmb::CsvSink>(settings, out);
+    case NMB_FORMAT_INFLUX:
+      return std::make_unique<nmb::InfluxSink>(settings, out);
+    case NMB_FORMAT_BIN:
+      return std::make_unique<nmb::BinSink>(settings, out);
+    default:
+      return std::make_unique<nmb::TextSink>(settings, out);
+  }
+}
+
+nmb_reader_settings_t nmb_reader_settings_from(const nmb_read_options_t& options) {
+  nmb_reader_settings_t settings;
+  settings.schema_path = options.schema_path;
+  settings.cset_file = options.cset_file;
+  settings.fset_file = options.fset_file;
+  settings.ignore_missing_filter = options.ignore_missing_filter;
+  settings.metadata = options.metadata;
+  settings.print_headers = options.print_headers;
+  settings.timestamp_gt = options.timestamp_gt;
+  settings.timestamp_lt = options.timestamp_lt;
+  return settings;
+}
+
+nmb::ExportSettings nmb_export_settings_from(const nmb_read_options_t& options) {
+  nmb::ExportSettings settings;
+  settings.print_headers = options.print_headers;
+  settings.microsecond_precision = options.microsecond_precision;
+  settings.timestamp_gt = options.timestamp_gt;
+  settings.timestamp_lt = options.timestamp_lt;
+  settings.include = &options.include;
+  settings.exclude = &options.exclude;
+  return settings;
+}
+
+namespace {
+
 // False when a header could not be read: then no file was processed.
-bool run_sorted(const nmb_read_options_t& options, int& failed) {
+bool run_sorted(const nmb_read_options_t& options, const nmb_reader_settings_t& settings,
+                nmb::BlockSink& sink, int& failed) {
   std::vector<file_entry_t> entries;
   try {
     entries.resize(options.files.size());
@@ -84,7 +137,7 @@ bool run_sorted(const nmb_read_options_t& options, int& failed) {
   for (size_t i = 0; i < options.files.size(); ++i) {
     const std::string& path = options.files[i];
     uint8_t header[NMB_FILE_HEADER_SIZE];
-    if (!nmb_read_header_only(path.c_str(), options, header)) {
+    if (!nmb_read_header_only(path.c_str(), header)) {
       // Nothing is processed, and the json envelope stays open.
       NMB_LOG(NMB_LOG_ERROR, "Failed to read file header: %s", path.c_str());
       failed = 1;
@@ -106,7 +159,7 @@ bool run_sorted(const nmb_read_options_t& options, int& failed) {
 
   bool first = true;
   for (const file_entry_t& entry : entries) {
-    if (!nmb_process_file(entry.path.c_str(), options, first)) ++failed;
+    if (!nmb_process_file(entry.path.c_str(), settings, sink, first)) ++failed;
     first = false;
   }
   return true;
@@ -150,20 +203,20 @@ bool nmb_parse_sort_order(const char* text, nmb_sort_order_t& order) {
 
 int nmb_run(const nmb_read_options_t& options) {
   nmb::OutputBuffer& out = nmb::stdout_buffer();
-  if (options.format == NMB_FORMAT_JSON) out.put('{');
+  const nmb_reader_settings_t settings = nmb_reader_settings_from(options);
+  const nmb::ExportSettings export_with = nmb_export_settings_from(options);
+  std::unique_ptr<nmb::BlockSink> sink = nmb_make_block_sink(options.format, export_with, out);
+  sink->begin_run();
   int failed = 0;
+  bool completed = true;
   if (options.sort_files) {
-    if (!run_sorted(options, failed)) {
-      // The envelope stays open: the run stopped before any file.
-      out.flush();
-      return failed;
-    }
+    completed = run_sorted(options, settings, *sink, failed);
   } else {
     for (size_t i = 0; i < options.files.size(); ++i) {
-      if (!nmb_process_file(options.files[i].c_str(), options, i == 0)) ++failed;
+      if (!nmb_process_file(options.files[i].c_str(), settings, *sink, i == 0)) ++failed;
     }
   }
-  if (options.format == NMB_FORMAT_JSON) out.put('}');
+  sink->end_run(completed);
   out.flush();
   return failed;
 }

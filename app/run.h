@@ -2,12 +2,25 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 #include "app/options.h"
+#include "data/block_sink.h"
+#include "data/reader.h"
+#include "export/record_output.h"
 
 // Processes every input file; returns the number of files that failed (1 when
 // sorting could not read a header, in which case no file is processed).
 int nmb_run(const nmb_read_options_t& options);
+
+// The block sink of an output format: the one place that knows them all. A
+// new format adds one line here.
+std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
+                                                    nmb::OutputBuffer& out);
+// What the reader and the exporters take from the options record (the
+// export settings borrow its pattern lists).
+nmb_reader_settings_t nmb_reader_settings_from(const nmb_read_options_t& options);
+nmb::ExportSettings nmb_export_settings_from(const nmb_read_options_t& options);
 
 // Keys of the -S order string.
 enum nmb_sort_key_t : int {

@@ -1,6 +1,3 @@
-// Counters blocks as JSON: each schema is compiled once into a plan that holds
-// the pre-escaped keys and a renderer per counter, so a block is written in
-// one pass over its counters, with no key search and no allocation per value.
 #include "counters/counters_export.h"
 
 #include <cstring>
@@ -8,14 +5,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "counters/counter_values.h"
 #include "data/format.h"
-#include "data/reader.h"
-#include "data/type_system.h"
-#include "export/json_writer.h"
+#include "export/record_sink.h"
 #include "export/value_format.h"
+#include "utils/json_writer.h"
 #include "utils/log.h"
-#include "utils/output.h"
 
 namespace {
 
@@ -125,35 +119,31 @@ void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
 }
 
 // Writes one counter value; false when it cannot be a JSON value.
-bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const uint8_t> values) {
+bool render_value(nmb::JsonWriter& w, const CounterRender& r, nmb::ByteView values) {
   char text[NMB_VALUE_TEXT_ROOM];
   const Render render = guid_conversion_switch() && r.guid_switched ? Render::kHex : r.render;
   switch (render) {
     case Render::kUnsignedNumber:
-      return w.number(static_cast<double>(nmb::counters::read_u64(values, r.offset)));
+      return w.number(static_cast<double>(values.u64(r.offset)));
     case Render::kSignedNumber:
-      return w.number(
-          static_cast<double>(static_cast<int64_t>(nmb::counters::read_u64(values, r.offset))));
+      return w.number(static_cast<double>(static_cast<int64_t>(values.u64(r.offset))));
     case Render::kHex: {
       char hex[NMB_GUID_HEX_LENGTH + 1];
-      nmb_format_guid_hex_into(nmb::counters::read_u64(values, r.offset), hex);
+      nmb_format_guid_hex_into(values.u64(r.offset), hex);
       quoted_ascii(w, hex, NMB_GUID_HEX_LENGTH);
       return true;
     }
     case Render::kUnsignedFormatted:
-      quoted_ascii(
-          w, text,
-          nmb_format_uint64_into(nmb::counters::read_u64(values, r.offset), r.format, text));
+      quoted_ascii(w, text, nmb_format_uint64_into(values.u64(r.offset), r.format, text));
       return true;
     case Render::kSignedFormatted:
       quoted_ascii(
           w, text,
-          nmb_format_int64_into(static_cast<int64_t>(nmb::counters::read_u64(values, r.offset)),
-                                r.format, text));
+          nmb_format_int64_into(static_cast<int64_t>(values.u64(r.offset)), r.format, text));
       return true;
     case Render::kDoubleNumber:
     case Render::kDoubleFormatted: {
-      uint64_t bits = nmb::counters::read_u64(values, r.offset);
+      uint64_t bits = values.u64(r.offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
       if (render == Render::kDoubleNumber) return w.number(value);
@@ -162,7 +152,7 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
     }
     case Render::kString: {
       // Past the end of the area the bytes read as zeros, which ends the text.
-      std::span<const uint8_t> bytes = nmb::counters::clamp_bytes(values, r.offset, r.length);
+      std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
       if (nmb_log_enabled(NMB_LOG_DEBUG)) nmb_log_hex_dump(bytes.data(), bytes.size());
       if (bytes.empty()) return w.string(std::string_view(""));
       const char* chars = reinterpret_cast<const char*>(bytes.data());
@@ -171,7 +161,7 @@ bool render_value(nmb::JsonWriter& w, const CounterRender& r, std::span<const ui
     case Render::kUnsigned128:
     case Render::kSigned128: {
       uint8_t bytes[16];
-      nmb::counters::read_bytes(values, r.offset, bytes, sizeof bytes);
+      values.copy(r.offset, bytes, sizeof bytes);
       quoted_ascii(w, text, nmb_format_uint128_into(bytes, r.format, text));
       return true;
     }
@@ -191,8 +181,7 @@ StepScratch& step_scratch() {
   return scratch;
 }
 
-bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group,
-                       std::span<const uint8_t> values) {
+bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, nmb::ByteView values) {
   if (group.steps.empty()) {
     w.begin_object();
     for (const auto& member : group.members) {
@@ -221,7 +210,7 @@ bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group,
   return true;
 }
 
-bool write_group(nmb::JsonWriter& w, const GroupPlan& group, std::span<const uint8_t> values) {
+bool write_group(nmb::JsonWriter& w, const GroupPlan& group, nmb::ByteView values) {
   if (group.name.empty()) return false;
   w.begin_object();
   w.escaped_key("\"granularity\"");
@@ -286,11 +275,12 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
   return plan;
 }
 
-bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block,
-                                const nmb_counters_schema_t& schema, bool microsecond_precision,
+bool nmb_counters_block_to_json(std::string& out, nmb::ByteView block,
+                                const nmb_counters_plan_t& plan, bool microsecond_precision,
                                 bool pretty) {
   const size_t mark = out.size();
-  const auto [timestamp, values] = nmb::counters::split_block(block);
+  const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
+  const nmb::ByteView values = block.from(NMB_COUNTERS_BLOCK_HEADER_SIZE);
 
   nmb::JsonWriter w(out, pretty);
   w.begin_object();
@@ -304,12 +294,10 @@ bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block
   }
   w.escaped_key("\"groups\"");
   w.begin_array();
-  if (schema.plan) {
-    for (const auto& group : schema.plan->groups) {
-      if (!write_group(w, group, values)) {
-        out.resize(mark);
-        return false;
-      }
+  for (const auto& group : plan.groups) {
+    if (!write_group(w, group, values)) {
+      out.resize(mark);
+      return false;
     }
   }
   w.end_array();
@@ -317,50 +305,17 @@ bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block
   return true;
 }
 
-int nmb_export_counters_block(nmb_reader_context_t& reader, std::span<const uint8_t> block) {
-  const nmb_read_options_t& options = *reader.options;
-  if (options.print_headers) {
+int nmb_export_counters_block(nmb::RecordSink& sink, nmb::ByteView block) {
+  const nmb::ExportSettings& settings = sink.output().settings();
+  if (settings.print_headers) {
     uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
-    nmb::counters::read_bytes(block, 0, header, sizeof header);
+    block.copy(0, header, sizeof header);
     nmb_print_counters_block_header(header);
-    nmb::stdout_buffer().commit();
+    sink.output().buffer().commit();
     return 1;
   }
-  uint8_t stamp[8];
-  nmb::counters::read_bytes(block, 8, stamp, sizeof stamp);
-  uint64_t timestamp;
-  std::memcpy(&timestamp, stamp, sizeof timestamp);
-  if (timestamp < options.timestamp_gt || timestamp > options.timestamp_lt) return 1;
-
-  if (!reader.type_system || !reader.type_system->counters_schema) return 1;
-  const nmb_counters_schema_t& schema = *reader.type_system->counters_schema;
-  nmb::OutputBuffer& output = nmb::stdout_buffer();
-  std::string& out = output.text();
-  switch (options.format) {
-    case NMB_FORMAT_JSON:
-    case NMB_FORMAT_NDJSON: {
-      const size_t mark = out.size();
-      nmb_reader_begin_json_record(reader);
-      // Metadata enrichment (-M) of the counters object goes here once it exists.
-      if (!nmb_counters_block_to_json(out, block, schema, options.microsecond_precision,
-                                      options.format == NMB_FORMAT_JSON)) {
-        out.resize(mark);
-        nmb_reader_report(reader, "Failed to JSONify event values");
-        return 0;
-      }
-      if (options.format == NMB_FORMAT_NDJSON) out.push_back('\n');
-      output.commit();
-      return 1;
-    }
-    case NMB_FORMAT_CSV:
-      nmb_reader_report(reader, "CSV output is not supported yet");
-      return 1;
-    case NMB_FORMAT_INFLUX:
-      nmb_reader_report(reader, "Influx line API output is not yet supported for counters data");
-      return 1;
-    default:
-      nmb_print_counters_block_text(out, block, schema, options.microsecond_precision);
-      output.commit();
-      return 1;
-  }
+  const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
+  if (timestamp < settings.timestamp_gt || timestamp > settings.timestamp_lt) return 1;
+  if (sink.counters_schema() == nullptr || sink.counters_plan() == nullptr) return 1;
+  return sink.write_counters(block) ? 1 : 0;
 }

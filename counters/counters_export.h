@@ -1,34 +1,35 @@
-// Counters blocks to standard output: one JSON object per block (json,
-// ndjson) or text tables (txt and the other text formats).
+// Counters blocks as JSON: each loaded counters schema is compiled once into a
+// plan that holds the pre-escaped keys and a renderer per counter, so a block
+// is written in one pass over its counters, with no key search and no
+// allocation per value.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <span>
+#include <memory>
 #include <string>
 
 #include "counters/counters_schema.h"
+#include "data/bytes.h"
 
-struct nmb_reader_context_t;
+namespace nmb {
+class RecordSink;
+}
 
-// 1 on success or skip, 0 on failure.
-int nmb_export_counters_block(nmb_reader_context_t& reader, std::span<const uint8_t> block);
+// The compiled plan of a counters schema.
+struct nmb_counters_plan_t;
+struct nmb_counters_plan_deleter {
+  void operator()(nmb_counters_plan_t* plan) const;
+};
+using nmb_counters_plan_ptr = std::unique_ptr<nmb_counters_plan_t, nmb_counters_plan_deleter>;
 
-// Compiles the export plan of a loaded schema (called by the schema load).
 nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema);
+
+// One counters block: with -p its header is printed instead; blocks outside
+// the time bounds are skipped; the rest go to the sink's format. 1 on success
+// or skip, 0 on failure.
+int nmb_export_counters_block(nmb::RecordSink& sink, nmb::ByteView block);
 
 // Appends the block as one JSON object (pretty or compact) to out; false when
 // a value cannot be a JSON value (out is then cut back to where it was).
-bool nmb_counters_block_to_json(std::string& out, std::span<const uint8_t> block,
-                                const nmb_counters_schema_t& schema, bool microsecond_precision,
+bool nmb_counters_block_to_json(std::string& out, nmb::ByteView block,
+                                const nmb_counters_plan_t& plan, bool microsecond_precision,
                                 bool pretty);
-
-// Text tables (counters/counters_text.cpp). Values are taken by position:
-// value k of a counter set is the k-th 8-byte word of the value area.
-void nmb_print_counters_block_text(std::string& out, std::span<const uint8_t> block,
-                                   const nmb_counters_schema_t& schema, bool microsecond_precision);
-void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& group,
-                                  std::span<const uint8_t> values);
-// One cell of `width` columns for the value at `offset` of the value area.
-void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& counter, int width,
-                                  std::span<const uint8_t> values, uint64_t offset);

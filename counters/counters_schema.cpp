@@ -8,11 +8,10 @@
 
 #include <openssl/evp.h>
 
-#include "counters/counters_export.h"
 #include "counters/counters_schema_json.h"
-#include "data/type_system.h"
-#include "export/json_writer.h"
+#include "data/version.h"
 #include "utils/json_input.h"
+#include "utils/json_writer.h"
 #include "utils/log.h"
 
 namespace {
@@ -121,13 +120,6 @@ std::optional<nmb_counter_group_t> group_from_json(const Json& value,
   nmb_counter_group_t group;
   group.num_counter_sets =
       static_cast<uint32_t>(number_bits(get_number(value, "num_counter_sets")));
-  // Every counter set repeats the group's values in each exported block: an
-  // absurd count from a broken schema would turn one block into gigabytes.
-  if (group.num_counter_sets > NMB_MAX_COUNTER_SETS) {
-    NMB_LOG(NMB_LOG_ERROR, "Counter group declares %u counter sets, more than the %u supported",
-            group.num_counter_sets, NMB_MAX_COUNTER_SETS);
-    return std::nullopt;
-  }
   group.granularity = nmb_granularity_from_name(get_string(value, "granularity")->c_str());
   if (auto name = get_string(value, "name")) {
     group.has_name = true;
@@ -236,7 +228,6 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_from_json(
   schema->num_groups = static_cast<uint32_t>(schema->groups.size());
   nmb_counters_schema_update_counter_offsets(*schema);
   schema->size = nmb_counters_schema_size_of_counters(*schema);
-  schema->plan = nmb_counters_plan_create(*schema);
   return schema;
 }
 
@@ -260,12 +251,6 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_load_file(
   if (!schema)
     NMB_LOG(NMB_LOG_ERROR, "Failed to parse JSON into counters schema for file '%s'.", path);
   return schema;
-}
-
-bool nmb_counters_schema_has_counters(const nmb_counters_schema_t& schema) {
-  for (const auto& group : schema.groups)
-    if (group.num_counters != 0) return true;
-  return false;
 }
 
 void nmb_counters_schema_update_counter_offsets(nmb_counters_schema_t& schema) {

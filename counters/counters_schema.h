@@ -1,6 +1,6 @@
 // Counters schemas: the ordered groups of counters that give the flat value
 // area of a counters block its meaning. Offsets are computed at load time from
-// the order and sizes of the counters; the export plan is compiled then too.
+// the order and sizes of the counters.
 #pragma once
 
 #include <cstdint>
@@ -46,11 +46,6 @@ enum nmb_granularity_t : int32_t {
 
 inline constexpr const char* NMB_COUNTERS_SCHEMA_VERSION = "1.5.0";
 
-// Counters schemas carry one counter set per group; a group that declares more
-// than this many is refused as broken (each set repeats the group's values in
-// every exported block).
-inline constexpr uint32_t NMB_MAX_COUNTER_SETS = 1024;
-
 // Name to value (-1 when unknown; exact, case-sensitive) and value to name
 // (nullptr when unknown, except granularity which gives "unknown").
 int32_t nmb_counter_data_type_from_name(const char* name);
@@ -87,19 +82,10 @@ struct nmb_counter_group_t {
   std::string provider;
 };
 
-// The compiled export plan (counters/counters_export.cpp).
-struct nmb_counters_plan_t;
-struct nmb_counters_plan_deleter {
-  void operator()(nmb_counters_plan_t* plan) const;
-};
-using nmb_counters_plan_ptr = std::unique_ptr<nmb_counters_plan_t, nmb_counters_plan_deleter>;
-
 struct nmb_counters_schema_t {
   uint32_t size = 0;  // total size of the value area
   uint32_t num_groups = 0;
   std::vector<nmb_counter_group_t> groups;
-  // Built when the schema is loaded; the schema is not modified afterwards.
-  nmb_counters_plan_ptr plan;
 };
 
 // Decides whether a counter name is kept (the -C counter set); nullptr keeps all.
@@ -114,12 +100,6 @@ std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_load_file(
 // Decodes a counters schema document given as text; nullptr on failure.
 std::unique_ptr<nmb_counters_schema_t> nmb_counters_schema_from_text(
     const char* text, size_t length, const nmb_counter_filter_t* filter = nullptr);
-
-// True when some group holds at least one counter: the reader exports
-// counters blocks only then. Groups of any number of counter sets count (a
-// group with several sets repeats its values, one with none writes no
-// values), unlike nmb_counters_schema_number_of_counters.
-bool nmb_counters_schema_has_counters(const nmb_counters_schema_t& schema);
 
 void nmb_counters_schema_update_counter_offsets(nmb_counters_schema_t& schema);
 uint32_t nmb_counters_schema_size_of_counters(const nmb_counters_schema_t& schema);

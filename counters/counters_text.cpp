@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "counters/counter_values.h"
-#include "counters/counters_export.h"
+#include "counters/counters_text.h"
 #include "data/format.h"
 #include "export/value_format.h"
 
@@ -56,17 +55,17 @@ int32_t cell_format(const nmb_counter_info_t& counter) {
 }  // namespace
 
 void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& counter, int width,
-                                  std::span<const uint8_t> values, uint64_t offset) {
+                                  nmb::ByteView values, uint64_t offset) {
   char text[NMB_VALUE_TEXT_ROOM];
   int32_t format = cell_format(counter);
   switch (counter.data_type) {
     case NMB_COUNTER_DATA_TYPE_UINT64:
     case NMB_COUNTER_DATA_TYPE_BIT64:
-      nmb_format_uint64_into(nmb::counters::read_u64(values, offset), format, text);
+      nmb_format_uint64_into(values.u64(offset), format, text);
       append_cell(out, text, width);
       return;
     case NMB_COUNTER_DATA_TYPE_FP64: {
-      uint64_t bits = nmb::counters::read_u64(values, offset);
+      uint64_t bits = values.u64(offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
       nmb_format_fp64_into(format, value, text);
@@ -74,28 +73,27 @@ void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& co
       return;
     }
     case NMB_COUNTER_DATA_TYPE_INT64:
-      nmb_format_int64_into(static_cast<int64_t>(nmb::counters::read_u64(values, offset)), format,
-                            text);
+      nmb_format_int64_into(static_cast<int64_t>(values.u64(offset)), format, text);
       append_cell(out, text, width);
       return;
     case NMB_COUNTER_DATA_TYPE_STRING: {
       // At most 20 characters, up to a zero byte; they may run past the
       // counter's own 8-byte slot.
       uint8_t bytes[kCellWidth + 1] = {};
-      nmb::counters::read_bytes(values, offset, bytes, kCellWidth);
+      values.copy(offset, bytes, kCellWidth);
       appendf(out, " %*.*s |", width, kCellWidth, reinterpret_cast<const char*>(bytes));
       return;
     }
     case NMB_COUNTER_DATA_TYPE_UINT128:
     case NMB_COUNTER_DATA_TYPE_INT128: {
       uint8_t bytes[16];
-      nmb::counters::read_bytes(values, offset, bytes, sizeof bytes);
+      values.copy(offset, bytes, sizeof bytes);
       nmb_format_uint128_into(bytes, format, text);
       append_cell(out, text, width);
       return;
     }
     default: {
-      long long value = static_cast<long long>(nmb::counters::read_u64(values, offset));
+      long long value = static_cast<long long>(values.u64(offset));
       if (value > 999)
         appendf(out, " %*lld k |", width - 2, value / 1000);
       else
@@ -106,7 +104,7 @@ void nmb_print_counter_value_text(std::string& out, const nmb_counter_info_t& co
 }
 
 void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& group,
-                                  std::span<const uint8_t> values) {
+                                  nmb::ByteView values) {
   const char* granularity = nmb_granularity_name(group.granularity);
   const int g = static_cast<int>(std::strlen(granularity));
   const uint64_t n = group.counters.size();
@@ -141,10 +139,11 @@ void nmb_print_counter_group_text(std::string& out, const nmb_counter_group_t& g
   rule();
 }
 
-void nmb_print_counters_block_text(std::string& out, std::span<const uint8_t> block,
+void nmb_print_counters_block_text(std::string& out, nmb::ByteView block,
                                    const nmb_counters_schema_t& schema,
                                    bool microsecond_precision) {
-  const auto [timestamp, values] = nmb::counters::split_block(block);
+  const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
+  const nmb::ByteView values = block.from(NMB_COUNTERS_BLOCK_HEADER_SIZE);
   char text[64];
   size_t length = nmb_format_timestamp_into(timestamp, microsecond_precision, text, sizeof text);
   if (length != 0)

@@ -3,7 +3,7 @@
 #include <cinttypes>
 #include <cstring>
 
-#include "app/options.h"
+#include "nmb_version.h"
 #include "utils/log.h"
 #include "utils/output.h"
 

@@ -2,34 +2,32 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
-#include <vector>
 
-#include "counters/counters_export.h"
 #include "counters/counters_schema.h"
 #include "data/packed_page.h"
+#include "data/schema_json.h"
 #include "data/type_system.h"
-#include "export/event_export.h"
 #include "utils/log.h"
 #include "utils/output.h"
+#include "utils/report.h"
 
 namespace {
 
-// Block type of a block that may be shorter than its magic: missing bytes
-// count as zeros.
-nmb_block_type_t classify_bounded(std::span<const uint8_t> block) {
-  if (block.size() >= 4) return nmb_classify_block(block.data());
-  uint8_t magic[4] = {};
-  std::memcpy(magic, block.data(), block.size());
+// The block type named by the four bytes at `offset` (bytes past the buffer
+// read as zeros).
+nmb_block_type_t classify_at(nmb::ByteView view, size_t offset) {
+  uint8_t magic[4];
+  view.copy(offset, magic, sizeof magic);
   return nmb_classify_block(magic);
 }
 
-std::string schema_file_path(const nmb_read_options_t& options, const uint8_t* id) {
+std::string schema_file_path(const nmb_reader_settings_t& options, const uint8_t* id) {
   char text[NMB_SCHEMA_ID_TEXT_SIZE];
   nmb_schema_id_to_text(id, text);
   std::string path = options.schema_path;
@@ -45,11 +43,11 @@ bool has_event_schemas(const nmb_reader_context_t& reader) {
 
 bool has_counters(const nmb_reader_context_t& reader) {
   return reader.type_system != nullptr && reader.type_system->counters_schema != nullptr &&
-         nmb_counters_schema_has_counters(*reader.type_system->counters_schema);
+         nmb_counters_schema_number_of_counters(*reader.type_system->counters_schema) > 0;
 }
 
 // The events and schemas blocks of one block area, one after the other.
-bool process_event_area(nmb_reader_context_t& reader, std::span<const uint8_t> area) {
+bool process_event_area(nmb_reader_context_t& reader, nmb::ByteView area) {
   const size_t length = area.size();
   size_t offset = 0;
   while (offset + 4 < length) {
@@ -68,7 +66,7 @@ bool process_event_area(nmb_reader_context_t& reader, std::span<const uint8_t> a
         }
       }
     } else if (type == NMB_EVENTS_BLOCK) {
-      advance = nmb_export_events_block(reader, area.subspan(offset));
+      advance = reader.sink->events_block(area.from(offset));
     } else {
       // Zero padding after the last event block ends the walk this way.
       NMB_LOG(NMB_LOG_DEBUG, "Unexpected block type %d at offset %zu", type, offset);
@@ -85,11 +83,11 @@ bool process_event_area(nmb_reader_context_t& reader, std::span<const uint8_t> a
 
 // The size of the blocks a decoded page holds: a page of counters blocks is
 // cut at the next counters magic, any other page is one block.
-size_t decoded_page_block_length(const uint8_t* page, size_t size) {
-  if (size > NMB_COUNTERS_BLOCK_HEADER_SIZE && nmb_classify_block(page) == NMB_COUNTERS_BLOCK) {
-    // Reads up to 3 bytes past `size`, into the buffer's zero slack.
+size_t decoded_page_block_length(nmb::ByteView page) {
+  const size_t size = page.size();
+  if (size > NMB_COUNTERS_BLOCK_HEADER_SIZE && classify_at(page, 0) == NMB_COUNTERS_BLOCK) {
     for (size_t offset = NMB_COUNTERS_BLOCK_HEADER_SIZE; offset < size; offset += 4) {
-      if (nmb_classify_block(page + offset) == NMB_COUNTERS_BLOCK) return offset;
+      if (classify_at(page, offset) == NMB_COUNTERS_BLOCK) return offset;
     }
   }
   return size;
@@ -133,24 +131,16 @@ nmb_reader_context_t::~nmb_reader_context_t() {
 }
 
 void nmb_reader_report(nmb_reader_context_t& reader, const char* format, ...) {
-  std::fprintf(stderr, "Failed processing file %s: ", reader.path);
   va_list args;
   va_start(args, format);
-  std::vfprintf(stderr, format, args);
+  nmb_report_file_failure(reader.path, format, args);
   va_end(args);
-  std::fputc('\n', stderr);
-  std::fflush(stderr);
-}
-
-void nmb_reader_begin_json_record(nmb_reader_context_t& reader) {
-  if (reader.options->format == NMB_FORMAT_JSON && reader.records_written != 0) {
-    nmb::stdout_buffer().write(",\n");
-  }
 }
 
 bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
-                     const nmb_read_options_t& options) {
-  reader.options = &options;
+                     const nmb_reader_settings_t& settings, nmb::BlockSink& sink) {
+  reader.settings = &settings;
+  reader.sink = &sink;
   reader.path = path;
   errno = 0;
   reader.file = gzopen(path, "rb");
@@ -160,39 +150,39 @@ bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
   }
   // Fewer, larger reads of plain files; must precede the first read.
   gzbuffer(reader.file, 128 * 1024);
-  if (options.format == NMB_FORMAT_BIN) {
-    // -f bin: the client id and the data file writer (output folder) are
-    // created here once the writer exists.
-  }
+  sink.file_opened(path);
   return true;
 }
 
-bool nmb_read_header_only(const char* path, const nmb_read_options_t& options,
-                          uint8_t (&header)[NMB_FILE_HEADER_SIZE]) {
-  nmb_reader_context_t reader;
-  if (!nmb_reader_open(reader, path, options)) {
+bool nmb_read_header_only(const char* path, uint8_t (&header)[NMB_FILE_HEADER_SIZE]) {
+  errno = 0;
+  gzFile file = gzopen(path, "rb");
+  if (file == nullptr) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to open data file %s: %s", path, std::strerror(errno));
     NMB_LOG(NMB_LOG_ERROR, "Failed to initialize reader context");
     return false;
   }
-  if (gzread(reader.file, reader.header, NMB_FILE_HEADER_SIZE) !=
-      static_cast<int>(NMB_FILE_HEADER_SIZE)) {
+  uint8_t read[NMB_FILE_HEADER_SIZE];
+  const int n = gzread(file, read, NMB_FILE_HEADER_SIZE);
+  gzclose(file);
+  if (n != static_cast<int>(NMB_FILE_HEADER_SIZE)) {
     NMB_LOG(NMB_LOG_ERROR, "Failed to read header from file: %s", path);
     return false;
   }
-  if (!nmb_check_file_header(reader.header)) {
+  if (!nmb_check_file_header(read)) {
     NMB_LOG(NMB_LOG_ERROR, "Invalid header in file: %s", path);
     return false;
   }
-  std::memcpy(header, reader.header, NMB_FILE_HEADER_SIZE);
+  std::memcpy(header, read, NMB_FILE_HEADER_SIZE);
   return true;
 }
 
-bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t count) {
-  const nmb_read_options_t& options = *reader.options;
-  reader.type_system.reset();
+namespace {
 
-  const bool have_cset = !options.cset_file.empty();
-  const bool have_fset = !options.fset_file.empty();
+bool load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t count) {
+  const nmb_reader_settings_t& settings = *reader.settings;
+  const bool have_cset = !settings.cset_file.empty();
+  const bool have_fset = !settings.fset_file.empty();
   // The -F field set and -C counter set files are loaded here, fresh for
   // every load, and handed to the schema loads below once they exist.
 
@@ -203,11 +193,11 @@ bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* id
   }
 
   // A counter set without a field set excludes all events (unless -I).
-  if (!(have_cset && !have_fset && !options.ignore_missing_filter)) {
+  if (!(have_cset && !have_fset && !settings.ignore_missing_filter)) {
     for (size_t i = 0; i < count; ++i) {
       const uint8_t* id = ids + i * NMB_SCHEMA_ID_SIZE;
       if (nmb_schema_id_is_zero(id)) continue;
-      std::string path = schema_file_path(options, id);
+      std::string path = schema_file_path(settings, id);
       bool skipped = false;
       if (nmb_type_system_load_schema(*ts, path.c_str(), &skipped) == nullptr && !skipped) {
         NMB_LOG(NMB_LOG_ERROR, "Failed to load schema from file: %s", path.c_str());
@@ -218,9 +208,9 @@ bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* id
 
   // A field set without a counter set excludes all counters (unless -I).
   const uint8_t* counters_id = reader.header + NMB_FH_COUNTERS_SCHEMA_ID;
-  if (!(have_fset && !have_cset && !options.ignore_missing_filter) &&
+  if (!(have_fset && !have_cset && !settings.ignore_missing_filter) &&
       !nmb_schema_id_is_zero(counters_id)) {
-    std::string path = schema_file_path(options, counters_id);
+    std::string path = schema_file_path(settings, counters_id);
     ts->counters_schema.reset();
     ts->counters_schema = nmb_counters_schema_load_file(path.c_str());
     if (ts->counters_schema == nullptr) {
@@ -232,29 +222,31 @@ bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* id
   return true;
 }
 
-bool nmb_reader_process_block(nmb_reader_context_t& reader, std::span<const uint8_t> block,
+}  // namespace
+
+bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t count) {
+  reader.type_system.reset();
+  const bool ok = load_type_system(reader, ids, count);
+  reader.sink->schemas_loaded(reader.type_system.get());
+  return ok;
+}
+
+bool nmb_reader_process_block(nmb_reader_context_t& reader, nmb::ByteView block,
                               bool in_compressed_block) {
-  nmb_block_type_t type = classify_bounded(block);
+  nmb_block_type_t type = classify_at(block, 0);
   switch (type) {
-    case NMB_COUNTERS_BLOCK: {
+    case NMB_COUNTERS_BLOCK:
       if (!has_counters(reader)) return true;
-      int result = nmb_export_counters_block(reader, block);
-      // Counted whatever the export did (skipped by the time filter or only
-      // printed as a header too), so the next json record gets its separator.
-      reader.records_written++;
-      return result != 0;
-    }
+      return reader.sink->counters_block(block);
     case NMB_EVENTS_BLOCK:
     case NMB_SCHEMAS_BLOCK:
       if (!has_event_schemas(reader)) return true;
       return process_event_area(reader, block);
     case NMB_CNTX_BLOCK:
-      // Metrics blocks are passed over until their exporter is wired in here.
-      reader.records_written++;
-      return true;
+      return reader.sink->metrics_block(block);
     default: {
       char magic[5] = {};
-      std::memcpy(magic, block.data(), std::min<size_t>(block.size(), 4));
+      block.copy(0, magic, 4);
       NMB_LOG(NMB_LOG_ERROR, "Reached unknown block type %d '%s'. Magic value '%s'", type,
               in_compressed_block ? "in compressed data block" : "", magic);
       return false;
@@ -285,34 +277,31 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
     uint64_t size = nmb_encoded_payload_decoded_size(payload);
     if (size > NMB_MAX_DECODED_PAGE_SIZE) return allocation_failed(size);
     const size_t page_size = static_cast<size_t>(size);
-    if (page_size + NMB_READER_BUFFER_SLACK > reader.page_capacity) {
+    if (page_size > reader.page_capacity || !reader.page_buffer) {
       reader.page_buffer.reset();
       reader.page_capacity = 0;
       try {
         // Left unfilled: decoding writes every byte of a page it accepts.
-        reader.page_buffer =
-            std::make_unique_for_overwrite<uint8_t[]>(page_size + NMB_READER_BUFFER_SLACK);
+        reader.page_buffer = std::make_unique_for_overwrite<uint8_t[]>(page_size + 1);
       } catch (const std::bad_alloc&) {
         return allocation_failed(size);
       }
-      reader.page_capacity = page_size + NMB_READER_BUFFER_SLACK;
+      reader.page_capacity = page_size;
     }
     uint8_t* const page = reader.page_buffer.get();
     if (!nmb_decode_payload_into_buffer(payload, page, page_size)) return false;
-    std::memset(page + page_size, 0, NMB_READER_BUFFER_SLACK);
 
-    if (reader.options->format == NMB_FORMAT_BIN) {
-      // -f bin: the decoded page goes to the data file writer here, once it
-      // exists; until then the page is passed over.
+    // What follows a piece of the page is the rest of the page; past the
+    // page's end reads give zeros.
+    const nmb::ByteView whole(page, page_size, page_size);
+    if (reader.sink->takes_pages()) {
+      if (!reader.sink->data_page(payload, whole)) return false;
     } else {
-      const size_t length = decoded_page_block_length(page, page_size);
+      const size_t length = decoded_page_block_length(whole);
       // An empty decoded page (empty content, or a stream that decodes to
       // nothing) holds no block; a piece length of 0 would never advance.
       for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
-        if (!nmb_reader_process_block(reader, std::span<const uint8_t>(page + start, length),
-                                      true)) {
-          return false;
-        }
+        if (!nmb_reader_process_block(reader, whole.from(start).first(length), true)) return false;
       }
     }
     p += static_cast<size_t>(packed_size);
@@ -321,11 +310,11 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
 }
 
 bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
-  const nmb_read_options_t& options = *reader.options;
+  const nmb_reader_settings_t& settings = *reader.settings;
   const uint64_t first = nmb_header_first_timestamp(reader.header);
   const uint64_t last = nmb_header_last_timestamp(reader.header);
-  const uint64_t gt = options.timestamp_gt;
-  const uint64_t lt = options.timestamp_lt;
+  const uint64_t gt = settings.timestamp_gt;
+  const uint64_t lt = settings.timestamp_lt;
   // Kept as it has always been: this compound test never holds with the
   // default upper bound, and blocks are filtered one by one anyway.
   if (first < gt && last < gt && first > lt && last > lt) {
@@ -334,22 +323,17 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
   }
 
   const uint32_t block_size = nmb_header_block_size(reader.header);
-  // Not filled ahead: only the bytes read and the zero slack after them are
-  // ever looked at, so a small file announcing a large block size costs
-  // what it holds, not the block size.
-  std::unique_ptr<uint8_t[]> chunk;
-  try {
-    chunk = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(block_size) +
-                                                      NMB_READER_BUFFER_SLACK);
-  } catch (const std::bad_alloc&) {
+  reader.chunk.reset(static_cast<uint8_t*>(std::calloc(block_size, 1)));
+  if (!reader.chunk) {
     NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %u: %s", block_size,
             std::strerror(ENOMEM));
     return false;
   }
+  uint8_t* const chunk = reader.chunk.get();
 
   for (;;) {
     errno = 0;
-    int n = gzread(reader.file, chunk.get(), block_size);
+    int n = gzread(reader.file, chunk, block_size);
     if (n < 0 ||
         (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
       NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
@@ -367,18 +351,17 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
               read_error_text(reader.file, reader.path));
       return false;
     }
-    std::memset(chunk.get() + size, 0, NMB_READER_BUFFER_SLACK);
-    std::span<const uint8_t> block(chunk.get(), size);
-    bool ok = nmb_classify_block(block.data()) == NMB_PAGE_BLOCK
-                  ? nmb_reader_process_page_chunk(reader, block)
-                  : nmb_reader_process_block(reader, block, false);
+    bool ok = nmb_classify_block(chunk) == NMB_PAGE_BLOCK
+                  ? nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk, size))
+                  : nmb_reader_process_block(reader, nmb::ByteView(chunk, size, block_size), false);
     if (!ok) return false;
   }
 }
 
-bool nmb_process_file(const char* path, const nmb_read_options_t& options, bool first) {
+bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
+                      bool first) {
   nmb_reader_context_t reader;
-  if (!nmb_reader_open(reader, path, options)) {
+  if (!nmb_reader_open(reader, path, settings, sink)) {
     NMB_LOG(NMB_LOG_ERROR, "Failed to initialize reader context");
     return false;
   }
@@ -390,7 +373,7 @@ bool nmb_process_file(const char* path, const nmb_read_options_t& options, bool 
     nmb_reader_report(reader, "Failed reading data file header: %s", std::strerror(errno));
     return false;
   }
-  if (options.print_headers) nmb_print_file_header(reader.header);
+  if (settings.print_headers) nmb_print_file_header(reader.header);
   if (!nmb_check_file_header(reader.header)) {
     nmb_reader_report(reader, "Invalid data file header");
     return false;
@@ -407,25 +390,14 @@ bool nmb_process_file(const char* path, const nmb_read_options_t& options, bool 
     nmb_reader_report(reader, "Failed to load type system");
     return false;
   }
-  if (options.metadata) {
+  if (settings.metadata) {
     // -M: the metadata of the counters schema id (or the folder-wide lookup)
     // is loaded into the context here; missing metadata is no error.
   }
 
-  bool ok;
-  if (options.format == NMB_FORMAT_JSON) {
-    nmb::OutputBuffer& out = nmb::stdout_buffer();
-    if (!first) out.put(',');
-    const char* base = std::strrchr(path, '/');
-    base = base != nullptr ? base + 1 : path;
-    out.printf("\"%.*s\":[", static_cast<int>(std::strcspn(base, ".")), base);
-    out.commit();
-    ok = nmb_reader_process_chunks(reader);
-    if (ok) out.put(']');
-    out.commit();
-  } else {
-    ok = nmb_reader_process_chunks(reader);
-  }
+  sink.begin_data(path, first);
+  const bool ok = nmb_reader_process_chunks(reader);
+  sink.end_data(ok);
   if (!ok) {
     nmb_reader_report(reader, "Failed to process data file %s", path);
     return false;

@@ -6,8 +6,7 @@
 #include <cstring>
 
 #include "counters/counters_schema_json.h"
-#include "export/event_export.h"
-#include "export/json_writer.h"
+#include "utils/json_writer.h"
 #include "utils/log.h"
 
 namespace {
@@ -22,10 +21,6 @@ constexpr const char* kFieldTemplate =
 constexpr const char* kFieldTemplateWithoutIndex =
     "{\"field_name\" : \"\", \"description\" : \"\", \"type_size\" : 0, \"offset\" : 0, "
     "\"type_name\" : \"\", \"counting_mode\" : \"\"}";
-
-// Sizes and offsets of untrusted schemas are kept below 2^32: no record of a
-// data file can be larger, and sums of them can then never overflow.
-constexpr uint64_t kMaxRecordBytes = UINT32_MAX;
 
 const nmb::Json* parsed_template(const char* text) {
   // The templates are constants: parse each once.
@@ -49,20 +44,19 @@ std::string string_member(const nmb::Json& object, const char* key) {
   return text.substr(0, text.find('\0'));
 }
 
-// An optional 16-bit number: absent or not a number reads as 0; a number that
-// is negative, fractional or too large is refused.
-bool optional_u16(const nmb::Json& object, const char* key, uint16_t& out) {
-  out = 0;
+// A number member converted to an unsigned 64-bit integer the way a C
+// conversion does: the fraction is dropped, negative values wrap around, and
+// values no 64-bit integer holds give 0. Absent or not a number reads as 0.
+uint64_t number_member(const nmb::Json& object, const char* key) {
   auto it = object.find(key);
-  if (it == object.end() || !it->is_number()) return true;
-  uint64_t value;
-  if (!nmb::json_number_to_u64(it->get<double>(), UINT16_MAX, value)) return false;
-  out = static_cast<uint16_t>(value);
-  return true;
+  if (it == object.end() || !it->is_number()) return 0;
+  const double value = it->get<double>();
+  if (!(value > -9223372036854775808.0 && value < 18446744073709551616.0)) return 0;
+  if (value < 0) return static_cast<uint64_t>(static_cast<int64_t>(value));
+  return static_cast<uint64_t>(value);
 }
 
-bool field_from_json(const nmb::Json& json, const char* type_name,
-                     nmb_type_field_definition_t& field) {
+bool field_from_json(const nmb::Json& json, nmb_type_field_definition_t& field) {
   const nmb::Json* with_index = parsed_template(kFieldTemplate);
   if (with_index == nullptr) {
     NMB_LOG(NMB_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", kFieldTemplate);
@@ -85,20 +79,12 @@ bool field_from_json(const nmb::Json& json, const char* type_name,
   field.description = string_member(json, "description");
   field.type_name = string_member(json, "type_name");
   field.counting_mode = nmb_counting_mode_from_name(string_member(json, "counting_mode").c_str());
-  uint16_t array_length = 0;
-  bool numbers_ok = optional_u16(json, "array_length", array_length) &&
-                    optional_u16(json, "index", field.index) &&
-                    nmb::json_get_u64(json, "type_size", field.type_size) &&
-                    nmb::json_get_u64(json, "offset", field.offset);
-  // Untrusted numbers: refuse what no record can hold instead of letting
-  // negative or huge values wrap around.
-  if (!numbers_ok || field.type_size > kMaxRecordBytes || field.offset > kMaxRecordBytes) {
-    NMB_LOG(NMB_LOG_ERROR,
-            "Field '%s.%s': \"type_size\", \"offset\", \"array_length\" and \"index\" must be "
-            "whole numbers in range",
-            type_name, field.field_name.c_str());
-    return false;
-  }
+  // Untrusted sizes and offsets are kept as given: every read of a record is
+  // bounds-checked, and offset sums that wrap around stay harmless.
+  const auto array_length = static_cast<uint16_t>(number_member(json, "array_length"));
+  if (json.contains("index")) field.index = static_cast<uint16_t>(number_member(json, "index"));
+  field.type_size = number_member(json, "type_size");
+  field.offset = number_member(json, "offset");
   field.array_length = array_length == 0 ? 1 : array_length;
   return true;
 }
@@ -123,17 +109,13 @@ std::unique_ptr<nmb_type_definition_t> type_from_json(const nmb::Json& json,
     *skipped = true;
     return nullptr;
   }
-  if (!nmb::json_get_u64(json, "size", type->size) || type->size > kMaxRecordBytes) {
-    NMB_LOG(NMB_LOG_ERROR, "Type '%s': \"size\" must be a whole number below 2^32",
-            type->name.c_str());
-    return nullptr;
-  }
+  type->size = number_member(json, "size");
   if (type->size == 0) return nullptr;
   const nmb::Json& fields = json["fields"];
   type->fields.reserve(fields.size());
   for (const nmb::Json& field_json : fields) {
     nmb_type_field_definition_t field;
-    if (!field_from_json(field_json, type->name.c_str(), field)) return nullptr;
+    if (!field_from_json(field_json, field)) return nullptr;
     if (filter && filter->include_field) {
       int keep =
           filter->include_field(filter->context, type->name.c_str(), field.field_name.c_str());
@@ -417,8 +399,7 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json(const nmb::Json& js
       NMB_LOG(NMB_LOG_ERROR, "[ts] Failed to fill schema '%s' md5 digest", schema->name.c_str());
       return nullptr;
     }
-    if (!nmb_schema_resolve_field_types(*schema, *ts->builtin) ||
-        !nmb_event_plans_compile(*schema)) {
+    if (!nmb_schema_resolve_field_types(*schema, *ts->builtin)) {
       NMB_LOG(NMB_LOG_ERROR,
               "[ts] Failed to deserialize: unable to adjust type fields of schema %s",
               schema->name.c_str());
@@ -442,4 +423,58 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json_string(std::string_
 bool nmb_md5(const void* data, size_t length, uint8_t (&digest)[16]) {
   unsigned int size = 0;
   return EVP_Digest(data, length, digest, &size, EVP_md5(), nullptr) == 1 && size == 16;
+}
+
+bool nmb_schema_fill_md5(nmb_schema_t& schema) {
+  std::string text;
+  if (!nmb_schema_to_json_text(schema, text)) return false;
+  uint8_t digest[16];
+  if (!nmb_md5(text.data(), text.size(), digest)) return false;
+  std::memcpy(schema.md5_digest, digest, sizeof digest);
+  for (int i = 0; i < 16; ++i) std::snprintf(schema.id + 2 * i, 3, "%02x", digest[i]);
+  return true;
+}
+
+nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path, bool* out_loaded,
+                                          const nmb_event_field_filter_t* filter) {
+  if (out_loaded) *out_loaded = false;
+  if (ts.num_schemas >= NMB_MAX_SCHEMAS) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to load schema: schema limit exceeded '%u'", NMB_MAX_SCHEMAS);
+    return nullptr;
+  }
+  std::unique_ptr<nmb_schema_t> schema;
+  bool skipped = false;
+  {
+    std::optional<nmb::Json> json = nmb::json_parse_file(path);
+    if (!json) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed reading schema JSON from file '%s'", path);
+      return nullptr;
+    }
+    schema = nmb_schema_from_json(*json, filter, &skipped);
+  }
+  if (!schema) {
+    if (out_loaded) *out_loaded = skipped;
+    return nullptr;
+  }
+  if (!nmb_schema_resolve_field_types(*schema, *ts.builtin)) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to adjust type fields within schema %s", schema->name.c_str());
+    return nullptr;
+  }
+  nmb_schema_t* loaded = schema.get();
+  ts.schemas[ts.num_schemas++] = std::move(schema);
+  if (out_loaded) *out_loaded = true;
+  return loaded;
+}
+
+nmb_schema_t* nmb_type_system_add_schema(nmb_type_system_t& ts, const char* name, uint32_t version,
+                                         uint8_t* out_index) {
+  if (ts.num_schemas >= NMB_MAX_SCHEMAS) return nullptr;
+  auto schema = nmb_schema_create(name, version);
+  schema->parent = ts.builtin.get();
+  nmb_schema_fill_md5(*schema);  // an empty schema has no document: digest stays clear
+  uint8_t index = ts.num_schemas;
+  nmb_schema_t* added = schema.get();
+  ts.schemas[ts.num_schemas++] = std::move(schema);
+  if (out_index) *out_index = index;
+  return added;
 }

@@ -40,3 +40,15 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json_string(std::string_
 
 // MD5 of the bytes; false when the digest cannot be computed.
 bool nmb_md5(const void* data, size_t length, uint8_t (&digest)[16]);
+
+// Loads one event schema file into the next slot and resolves its field
+// types; nullptr on failure (then *out_loaded is 0) or when the filter wanted
+// nothing of it (*out_loaded 1).
+nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path, bool* out_loaded,
+                                          const nmb_event_field_filter_t* filter = nullptr);
+// Adds an empty schema (its digest computed from its document).
+nmb_schema_t* nmb_type_system_add_schema(nmb_type_system_t& ts, const char* name, uint32_t version,
+                                         uint8_t* out_index);
+// Computes the MD5 digest and id of the schema document; false when the
+// schema has no types (digest and id stay clear).
+bool nmb_schema_fill_md5(nmb_schema_t& schema);

@@ -3,8 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "data/schema_json.h"
-#include "export/event_export.h"
 #include "utils/log.h"
 
 const nmb_builtin_type_row_t nmb_builtin_types[] = {
@@ -53,39 +51,6 @@ const char* nmb_counting_mode_name(int32_t mode) {
 }
 
 // ---- versions -------------------------------------------------------------
-
-uint32_t nmb_version_parse(const char* text) {
-  if (text == nullptr) return 0;
-  unsigned char major = 0, minor = 0;
-  unsigned short patch = 0;
-  if (std::sscanf(text, "%hhu.%hhu .%hu", &major, &minor, &patch) < 2) return 0;
-  return static_cast<uint32_t>(major) | static_cast<uint32_t>(minor) << 8 |
-         static_cast<uint32_t>(patch) << 16;
-}
-
-const char* nmb_version_to_string(uint32_t version) {
-  static char text[16];
-  std::snprintf(text, sizeof text, "%u.%u.%u", version & 0xFF, (version >> 8) & 0xFF,
-                version >> 16);
-  return text;
-}
-
-bool nmb_version_is_compatible(const char* schema_version, const char* current_version) {
-  uint32_t v = nmb_version_parse(schema_version);
-  uint32_t current = nmb_version_parse(current_version);
-  if (v == 0 || current == 0) return false;
-  return (v & 0xFF) == (current & 0xFF) && ((current >> 8) & 0xFF) >= ((v >> 8) & 0xFF);
-}
-
-int nmb_version_compare(uint32_t a, uint32_t b) {
-  int major_a = static_cast<int>(a & 0xFF), major_b = static_cast<int>(b & 0xFF);
-  if (major_a == major_b) {
-    return static_cast<int>((a >> 8) & 0xFF) - static_cast<int>((b >> 8) & 0xFF);
-  }
-  return major_a - major_b;
-}
-
-// ---- schemas and types ----------------------------------------------------
 
 std::unique_ptr<nmb_schema_t> nmb_schema_create(const char* name, uint32_t version) {
   auto schema = std::make_unique<nmb_schema_t>();
@@ -246,111 +211,7 @@ std::vector<const char*> nmb_schema_get_indexed_field_names(const nmb_schema_t* 
   return names;
 }
 
-// ---- field type resolution and the safety of untrusted schemas --------------
-
-namespace {
-
-// Values one record of a type may expand to (a char string counts one value
-// per 8 bytes of it). Nested arrays multiply: a few bytes of schema could
-// otherwise ask for billions of values, gigabytes of text, per record.
-constexpr uint64_t kMaxValuesPerRecord = uint64_t{1} << 20;
-// Text one record may expand to. Values alone do not bound it: every line of
-// a nested object is indented once more per level in the pretty form (and
-// carries the whole dotted key path in Influx lines), and long field names
-// are written once per array element of a nested type.
-constexpr uint64_t kMaxTextPerRecord = uint64_t{64} << 20;
-
-// An upper bound of the text of one value written at depth 0: its lines
-// (each gets the indentation or key prefix of the levels around it) and bytes.
-struct TextCost {
-  uint64_t lines = 0;
-  uint64_t bytes = 0;
-};
-
-// Saturating arithmetic: bounds of hostile schemas may not wrap around.
-constexpr uint64_t kSaturated = uint64_t{1} << 62;
-uint64_t sat_add(uint64_t a, uint64_t b) {
-  return a + b > kSaturated ? kSaturated : a + b;
-}
-uint64_t sat_mul(uint64_t a, uint64_t b) {
-  return a != 0 && b > kSaturated / a ? kSaturated : a * b;
-}
-
-struct TypeState {
-  enum class Visit : uint8_t { kNew, kOpen, kDone };
-  const nmb_type_definition_t* type = nullptr;
-  Visit visit = Visit::kNew;
-  uint64_t values = 0;
-  TextCost text;
-};
-
-// Depth-first walk over the user types reachable from `type`: refuses a type
-// that contains itself (directly or through other types), which would make
-// the export recurse forever, and bounds the values and text of one record.
-bool check_type(const nmb_type_definition_t* type, const nmb_schema_t& schema,
-                std::vector<TypeState>& state) {
-  using Visit = TypeState::Visit;
-  size_t slot = 0;
-  while (slot < state.size() && state[slot].type != type) ++slot;
-  if (slot == state.size()) return true;  // a built-in
-  if (state[slot].visit == Visit::kDone) return true;
-  if (state[slot].visit == Visit::kOpen) {
-    NMB_LOG(NMB_LOG_ERROR, "Type %s of schema %s contains itself", type->name.c_str(),
-            schema.name.c_str());
-    return false;
-  }
-  state[slot].visit = Visit::kOpen;
-  uint64_t total = 0;
-  TextCost text;
-  for (const auto& field : type->fields) {
-    // A key escapes to at most 6 bytes per byte; 16 covers quotes, colon,
-    // separators and an Influx "_<index>".
-    const uint64_t key = 6 * static_cast<uint64_t>(field.field_name.size()) + 16;
-    const uint64_t count = field.array_length;
-    uint64_t per_element = 1;
-    TextCost element{1, 40};  // a number, a hex string, a comma and newline
-    if (field.type->type_code == NMB_TYPE_USER) {
-      if (!check_type(field.type, schema, state)) return false;
-      size_t nested = 0;
-      while (state[nested].type != field.type) ++nested;
-      per_element = state[nested].values;
-      const TextCost& inner = state[nested].text;
-      element.lines = sat_add(inner.lines, 2);
-      element.bytes = sat_add(sat_add(inner.bytes, sat_mul(inner.lines, key)), 16);
-    }
-    bool chars = field.array_length > 1 && (field.type->type_code == NMB_TYPE_CHAR ||
-                                            field.type->type_code == NMB_TYPE_UNSIGNED_CHAR);
-    total += chars ? 1 + field.array_length / 8 : per_element * field.array_length;
-    if (chars) {
-      text.lines = sat_add(text.lines, 1);
-      text.bytes = sat_add(text.bytes, key + 6 * count + 16);
-    } else {
-      text.lines = sat_add(text.lines, sat_add(sat_mul(count, element.lines), 2));
-      text.bytes = sat_add(
-          text.bytes,
-          sat_add(key, sat_mul(count, sat_add(element.bytes, sat_mul(element.lines, key)))));
-    }
-    if (total > kMaxValuesPerRecord) {
-      NMB_LOG(NMB_LOG_ERROR, "Type %s of schema %s has more than %llu values per record",
-              type->name.c_str(), schema.name.c_str(),
-              static_cast<unsigned long long>(kMaxValuesPerRecord));
-      return false;
-    }
-    if (sat_add(text.bytes, sat_mul(text.lines, 4)) > kMaxTextPerRecord) {
-      NMB_LOG(NMB_LOG_ERROR,
-              "Type %s of schema %s can expand to more than %llu bytes of text per record",
-              type->name.c_str(), schema.name.c_str(),
-              static_cast<unsigned long long>(kMaxTextPerRecord));
-      return false;
-    }
-  }
-  state[slot].values = total;
-  state[slot].text = text;
-  state[slot].visit = Visit::kDone;
-  return true;
-}
-
-}  // namespace
+// ---- field type resolution -------------------------------------------------
 
 bool nmb_schema_resolve_field_types(nmb_schema_t& schema, const nmb_schema_t& builtin) {
   schema.parent = &builtin;
@@ -365,21 +226,6 @@ bool nmb_schema_resolve_field_types(nmb_schema_t& schema, const nmb_schema_t& bu
       }
     }
   }
-  std::vector<TypeState> state;
-  for (uint32_t t = 0; t < schema.num_types; ++t) state.emplace_back().type = schema.types[t].get();
-  for (uint32_t t = 0; t < schema.num_types; ++t) {
-    if (schema.types[t] && !check_type(schema.types[t].get(), schema, state)) return false;
-  }
-  return true;
-}
-
-bool nmb_schema_fill_md5(nmb_schema_t& schema) {
-  std::string text;
-  if (!nmb_schema_to_json_text(schema, text)) return false;
-  uint8_t digest[16];
-  if (!nmb_md5(text.data(), text.size(), digest)) return false;
-  std::memcpy(schema.md5_digest, digest, sizeof digest);
-  for (int i = 0; i < 16; ++i) std::snprintf(schema.id + 2 * i, 3, "%02x", digest[i]);
   return true;
 }
 
@@ -402,50 +248,6 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_create() {
   }
   ts->counters_schema = std::make_unique<nmb_counters_schema_t>();
   return ts;
-}
-
-nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path, bool* out_loaded,
-                                          const nmb_event_field_filter_t* filter) {
-  if (out_loaded) *out_loaded = false;
-  if (ts.num_schemas >= NMB_MAX_SCHEMAS) {
-    NMB_LOG(NMB_LOG_ERROR, "Failed to load schema: schema limit exceeded '%u'", NMB_MAX_SCHEMAS);
-    return nullptr;
-  }
-  std::unique_ptr<nmb_schema_t> schema;
-  bool skipped = false;
-  {
-    std::optional<nmb::Json> json = nmb::json_parse_file(path);
-    if (!json) {
-      NMB_LOG(NMB_LOG_ERROR, "Failed reading schema JSON from file '%s'", path);
-      return nullptr;
-    }
-    schema = nmb_schema_from_json(*json, filter, &skipped);
-  }
-  if (!schema) {
-    if (out_loaded) *out_loaded = skipped;
-    return nullptr;
-  }
-  if (!nmb_schema_resolve_field_types(*schema, *ts.builtin) || !nmb_event_plans_compile(*schema)) {
-    NMB_LOG(NMB_LOG_ERROR, "Failed to adjust type fields within schema %s", schema->name.c_str());
-    return nullptr;
-  }
-  nmb_schema_t* loaded = schema.get();
-  ts.schemas[ts.num_schemas++] = std::move(schema);
-  if (out_loaded) *out_loaded = true;
-  return loaded;
-}
-
-nmb_schema_t* nmb_type_system_add_schema(nmb_type_system_t& ts, const char* name, uint32_t version,
-                                         uint8_t* out_index) {
-  if (ts.num_schemas >= NMB_MAX_SCHEMAS) return nullptr;
-  auto schema = nmb_schema_create(name, version);
-  schema->parent = ts.builtin.get();
-  nmb_schema_fill_md5(*schema);  // an empty schema has no document: digest stays clear
-  uint8_t index = ts.num_schemas;
-  nmb_schema_t* added = schema.get();
-  ts.schemas[ts.num_schemas++] = std::move(schema);
-  if (out_index) *out_index = index;
-  return added;
 }
 
 void nmb_type_system_remove_last_schema(nmb_type_system_t& ts) {

@@ -1,7 +1,7 @@
 // The type system of one data file: the built-in scalar types, the event
 // schemas named by the file (each a versioned list of record types made of
-// named fields) and the counters schema. Loaded schemas are immutable; every
-// user type carries an export plan compiled when its schema is loaded.
+// named fields) and the counters schema: plain models, immutable once loaded.
+// Loading schema documents is in data/schema_json.h.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "counters/counters_schema.h"
+#include "data/version.h"
 
 inline constexpr uint32_t NMB_MAX_TYPES = 254;
 inline constexpr uint32_t NMB_MAX_SCHEMAS = 255;
@@ -78,19 +79,11 @@ struct nmb_type_field_definition_t {
   uint16_t index = 0;                           // 0: no index
 };
 
-// The compiled export plan of a user type (export/event_export.cpp).
-struct nmb_event_plan_t;
-struct nmb_event_plan_deleter {
-  void operator()(nmb_event_plan_t* plan) const;
-};
-using nmb_event_plan_ptr = std::unique_ptr<nmb_event_plan_t, nmb_event_plan_deleter>;
-
 struct nmb_type_definition_t {
   std::string name;
   uint32_t type_code = NMB_TYPE_USER;
   std::vector<nmb_type_field_definition_t> fields;
   uint64_t size = 0;
-  nmb_event_plan_ptr plan;  // user types of loaded schemas
 
   uint32_t num_fields() const { return static_cast<uint32_t>(fields.size()); }
 };
@@ -131,23 +124,7 @@ enum : int {
   NMB_SCHEMA_TYPE_LIMIT = 5,
 };
 
-// Versions: major in bits 0-7, minor in 8-15, patch in 16-31; 0 is invalid.
-uint32_t nmb_version_parse(const char* text);
-// Points into one static buffer that each call overwrites.
-const char* nmb_version_to_string(uint32_t version);
-bool nmb_version_is_compatible(const char* schema_version, const char* current_version);
-int nmb_version_compare(uint32_t a, uint32_t b);
-
-struct nmb_event_field_filter_t;  // data/schema_json.h
-
 std::unique_ptr<nmb_type_system_t> nmb_type_system_create();
-// Loads one event schema file into the next slot, resolves its field types
-// and compiles the export plans of its types; nullptr on failure (then
-// *out_loaded is 0) or when the filter wanted nothing of it (*out_loaded 1).
-nmb_schema_t* nmb_type_system_load_schema(nmb_type_system_t& ts, const char* path, bool* out_loaded,
-                                          const nmb_event_field_filter_t* filter = nullptr);
-nmb_schema_t* nmb_type_system_add_schema(nmb_type_system_t& ts, const char* name, uint32_t version,
-                                         uint8_t* out_index);
 void nmb_type_system_remove_last_schema(nmb_type_system_t& ts);
 bool nmb_type_system_get_counters_schema_md5(nmb_type_system_t& ts, uint8_t (&out)[16]);
 
@@ -161,9 +138,6 @@ int nmb_schema_set_field_indexes(nmb_schema_t* schema, uint32_t type_index,
 // Names (borrowed from the schema) of the indexed fields, in field order.
 std::vector<const char*> nmb_schema_get_indexed_field_names(const nmb_schema_t* schema,
                                                             uint32_t type_index, size_t* out_count);
-// Resolves every field's type through the schema and its parent chain and
-// checks the plan limits; false (logged) when a type is missing or unsafe.
+// Resolves every field's type through the schema and its parent chain; false
+// (logged) when a type is missing.
 bool nmb_schema_resolve_field_types(nmb_schema_t& schema, const nmb_schema_t& builtin);
-// Computes the MD5 digest and id of the schema document; false when the
-// schema has no types (digest and id stay clear).
-bool nmb_schema_fill_md5(nmb_schema_t& schema);

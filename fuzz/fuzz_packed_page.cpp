@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "app/options.h"
+#include "app/run.h"
 #include "data/format.h"
 #include "data/packed_page.h"
 #include "data/reader.h"
@@ -76,18 +77,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
 
-  // The chunk as the reader holds it: followed by zero slack.
-  std::vector<uint8_t> chunk(size + NMB_READER_BUFFER_SLACK, 0);
-  if (size != 0) std::memcpy(chunk.data(), data, size);
-
+  const nmb_reader_settings_t settings = nmb_reader_settings_from(options);
+  const nmb::ExportSettings export_with = nmb_export_settings_from(options);
+  auto sink = nmb_make_block_sink(options.format, export_with, nmb::stdout_buffer());
   nmb_reader_context_t reader;
-  reader.options = &options;
+  reader.settings = &settings;
+  reader.sink = sink.get();
   reader.path = "fuzz_page_chunk";
+  sink->file_opened(reader.path);
   std::memcpy(reader.header, g_header, NMB_FILE_HEADER_SIZE);
   if (!nmb_reader_load_type_system(reader, reader.header + NMB_FH_EVENT_SCHEMA_IDS,
                                    NMB_FH_EVENT_SCHEMA_COUNT)) {
     std::abort();  // the schemas written at start-up always load
   }
+  // An exact-size copy, so that reading past the chunk is caught.
+  std::vector<uint8_t> chunk(data, data + size);
   nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk.data(), size));
   nmb::stdout_buffer().flush();
   return 0;

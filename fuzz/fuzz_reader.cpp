@@ -62,8 +62,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fclose(file);
 
   nmb_run(g_json);
-  nmb_process_file(g_data_path.c_str(), g_ndjson, true);
-  nmb_process_file(g_data_path.c_str(), g_headers, true);
+  for (const nmb_read_options_t* options : {&g_ndjson, &g_headers}) {
+    const nmb_reader_settings_t settings = nmb_reader_settings_from(*options);
+    const nmb::ExportSettings export_with = nmb_export_settings_from(*options);
+    auto sink = nmb_make_block_sink(options->format, export_with, nmb::stdout_buffer());
+    nmb_process_file(g_data_path.c_str(), settings, *sink, true);
+  }
   nmb::stdout_buffer().flush();
   return 0;
 }

@@ -17,12 +17,11 @@
 #include <vector>
 
 #include "app/options.h"
-#include "counters/counters_export.h"
+#include "app/run.h"
 #include "counters/counters_schema.h"
 #include "data/format.h"
-#include "data/reader.h"
+#include "data/schema_json.h"
 #include "data/type_system.h"
-#include "export/event_export.h"
 #include "fuzz/fuzz_inputs.h"
 #include "utils/log.h"
 #include "utils/output.h"
@@ -52,33 +51,28 @@ std::vector<uint8_t> events_block(const std::vector<uint8_t>& records, uint16_t 
   return block;
 }
 
-void export_events(const nmb_read_options_t& options, std::unique_ptr<nmb_type_system_t>& ts) {
-  nmb_reader_context_t reader;
-  reader.options = &options;
-  reader.path = "fuzz.bin";
-  reader.type_system = std::move(ts);
-  const nmb_schema_t& schema = *reader.type_system->schemas[0];
-  // The first types, the last one and one past the end.
-  std::vector<uint16_t> indexes;
-  for (uint16_t t = 0; t < std::min<uint16_t>(schema.num_types, 3); ++t) indexes.push_back(t);
-  indexes.push_back(schema.num_types > 0 ? schema.num_types - 1 : 0);
-  indexes.push_back(schema.num_types);
-  for (uint16_t t : indexes) {
-    for (const auto* records : {&g_plain_records, &g_wild_records}) {
-      std::vector<uint8_t> block = events_block(*records, t, 4);
-      nmb_export_events_block(reader, block);
+// The events blocks (the first types, the last one and one past the end) and
+// the counters block through the sink of each format.
+void export_blocks(const nmb_read_options_t& options, const nmb_type_system_t& ts) {
+  const nmb::ExportSettings settings = nmb_export_settings_from(options);
+  auto sink = nmb_make_block_sink(options.format, settings, nmb::stdout_buffer());
+  sink->file_opened("fuzz.bin");
+  sink->schemas_loaded(&ts);
+  if (ts.num_schemas > 0) {
+    const nmb_schema_t& schema = *ts.schemas[0];
+    std::vector<uint16_t> indexes;
+    for (uint16_t t = 0; t < std::min<uint16_t>(schema.num_types, 3); ++t) indexes.push_back(t);
+    indexes.push_back(schema.num_types > 0 ? schema.num_types - 1 : 0);
+    indexes.push_back(schema.num_types);
+    for (uint16_t t : indexes) {
+      for (const auto* records : {&g_plain_records, &g_wild_records}) {
+        std::vector<uint8_t> block = events_block(*records, t, 4);
+        sink->events_block(nmb::ByteView(block));
+      }
     }
   }
-  ts = std::move(reader.type_system);
-}
-
-void export_counters(const nmb_read_options_t& options, std::unique_ptr<nmb_type_system_t>& ts) {
-  nmb_reader_context_t reader;
-  reader.options = &options;
-  reader.path = "fuzz.bin";
-  reader.type_system = std::move(ts);
-  nmb_export_counters_block(reader, g_counters_block);
-  ts = std::move(reader.type_system);
+  if (ts.counters_schema && nmb_counters_schema_number_of_counters(*ts.counters_schema) > 0)
+    sink->counters_block(nmb::ByteView(g_counters_block));
 }
 
 }  // namespace
@@ -122,17 +116,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::unique_ptr<nmb_type_system_t> ts = nmb_type_system_create();
   if (!ts) std::abort();
   bool loaded = false;
-  if (nmb_type_system_load_schema(*ts, g_schema_path.c_str(), &loaded) != nullptr) {
-    for (const auto& options : g_options) export_events(options, ts);
+  if (nmb_type_system_load_schema(*ts, g_schema_path.c_str(), &loaded) != nullptr)
     nmb_schema_fill_md5(*ts->schemas[0]);
-  }
-
   ts->counters_schema = nmb_counters_schema_load_file(g_schema_path.c_str());
   if (ts->counters_schema) {
-    for (const auto& options : g_options) export_counters(options, ts);
     uint8_t digest[16];
     nmb_type_system_get_counters_schema_md5(*ts, digest);
+  } else {
+    ts->counters_schema = std::make_unique<nmb_counters_schema_t>();
   }
+  for (const auto& options : g_options) export_blocks(options, *ts);
   nmb::stdout_buffer().flush();
   return 0;
 }

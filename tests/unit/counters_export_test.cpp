@@ -7,6 +7,7 @@
 #include <string>
 
 #include "counters/counters_schema.h"
+#include "counters/counters_text.h"
 #include "tests/support/data_builder.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
@@ -37,7 +38,8 @@ class CountersExport : public ::testing::Test {
                              uint64_t timestamp = 1700000000123456) {
     std::string out = "prefix";
     ByteVec block = nmb::test::counters_block(timestamp, values);
-    if (!nmb_counters_block_to_json(out, block, schema, false, false)) {
+    if (!nmb_counters_block_to_json(out, nmb::ByteView(block), *nmb_counters_plan_create(schema),
+                                    false, false)) {
       EXPECT_EQ(out, "prefix") << "a failed block leaves nothing behind";
       return "FAILED";
     }
@@ -109,7 +111,8 @@ TEST_F(CountersExport, GroupShapesAndPrettyForm) {
   auto schema = load(CountersSchema().group(twice).group(none));
   std::string out;
   ByteVec block = nmb::test::counters_block(1500000, Bytes().u64(9).u64(0x7ff8000000000000));
-  ASSERT_TRUE(nmb_counters_block_to_json(out, block, *schema, true, true));
+  ASSERT_TRUE(nmb_counters_block_to_json(out, nmb::ByteView(block),
+                                         *nmb_counters_plan_create(*schema), true, true));
   EXPECT_EQ(out, R"({
     "timestamp": 1500000,
     "@timestamp": "1970-01-01 00:00:01.500000",
@@ -215,7 +218,8 @@ TEST_F(CountersExport, ValuesPastTheBlockReadAsZeros) {
   // A block too short even for its header.
   std::string out;
   ByteVec tiny = {'N', 'M', 'B', 'D'};
-  EXPECT_TRUE(nmb_counters_block_to_json(out, tiny, *schema, false, false));
+  EXPECT_TRUE(nmb_counters_block_to_json(out, nmb::ByteView(tiny),
+                                         *nmb_counters_plan_create(*schema), false, false));
 }
 
 TEST_F(CountersExport, TextTableOfTwoCounters) {
@@ -223,7 +227,8 @@ TEST_F(CountersExport, TextTableOfTwoCounters) {
   g.add(nmb::test::make_counter("first", "UINT64")).add(nmb::test::make_counter("second", "BIT64"));
   auto schema = load(CountersSchema().group(g));
   std::string out;
-  nmb_print_counter_group_text(out, schema->groups[0], Bytes().u64(42).u64(0xbeef).vec());
+  nmb_print_counter_group_text(out, schema->groups[0],
+                               nmb::ByteView(Bytes().u64(42).u64(0xbeef).vec()));
   const std::string rule = std::string(54, '-') + "\n";
   EXPECT_EQ(out, rule + "| Counter values per NODE                            |\n" + rule +
                      "| NODE |                first |               second |\n" + rule +
@@ -237,7 +242,7 @@ TEST_F(CountersExport, TextTableWithoutCounterSets) {
   g.counter("a").counter("b");
   auto schema = load(CountersSchema().group(g));
   std::string out;
-  nmb_print_counter_group_text(out, schema->groups[0], Bytes().u64(1).u64(2).vec());
+  nmb_print_counter_group_text(out, schema->groups[0], nmb::ByteView(Bytes().u64(1).u64(2).vec()));
   const std::string rule = std::string(47, '-') + "\n";
   EXPECT_EQ(out, rule + "| Counter values per PACKAGE                  |\n" + rule +
                      "|                    a |                    b |\n" + rule + rule);
@@ -256,7 +261,7 @@ TEST_F(CountersExport, TextCells) {
     info.string_format =
         c.string_format ? nmb_string_format_from_name(c.string_format->c_str()) : 0;
     std::string out;
-    nmb_print_counter_value_text(out, info, 20, values, offset);
+    nmb_print_counter_value_text(out, info, 20, nmb::ByteView(values), offset);
     return out;
   };
   EXPECT_EQ(cell(nmb::test::make_counter("u", "UINT64"), Bytes().u64(123)), col("123"));
@@ -286,7 +291,7 @@ TEST_F(CountersExport, TextBlockTitleAndValuesByPosition) {
   auto schema = load(CountersSchema().group(g));
   std::string out;
   ByteVec block = nmb::test::counters_block(0, Bytes().text("hi").zeros(6).u64(1).u64(2).u64(3));
-  nmb_print_counters_block_text(out, block, *schema, false);
+  nmb_print_counters_block_text(out, nmb::ByteView(block), *schema, false);
   EXPECT_EQ(out.substr(0, out.find('\n') + 1), "Data collected at 1970-01-01 00:00:00.000\n");
   EXPECT_NE(out.find("|    0 |" + col("hi") + col("1") + "\n"), std::string::npos) << out;
   EXPECT_NE(out.find("|    1 |" + col("\x02") + col("3") + "\n"), std::string::npos) << out;

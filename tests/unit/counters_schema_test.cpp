@@ -68,7 +68,7 @@ TEST(CountersSchemaOffsets, RunAcrossGroupsWithoutPadding) {
   EXPECT_EQ(schema->size, 48u);
   EXPECT_EQ(schema->num_groups, 2u);
   EXPECT_EQ(nmb_counters_schema_number_of_counters(*schema), 6u);
-  EXPECT_TRUE(nmb_counters_schema_has_counters(*schema));
+  EXPECT_GT(nmb_counters_schema_number_of_counters(*schema), 0u);
 }
 
 TEST(CountersSchemaOffsets, LengthRulesDifferBetweenOffsetsAndSize) {
@@ -123,7 +123,7 @@ TEST(CountersSchemaLoad, StructureAndVersion) {
   auto empty = load(document({}));
   ASSERT_TRUE(empty);
   EXPECT_EQ(empty->size, 0u);
-  EXPECT_FALSE(nmb_counters_schema_has_counters(*empty));
+  EXPECT_EQ(nmb_counters_schema_number_of_counters(*empty), 0u);
 
   EXPECT_FALSE(load(R"({"counter_groups":[]})"));
   EXPECT_FALSE(load(R"({"version":"1.5.0","counter_groups":{}})"));
@@ -141,12 +141,12 @@ TEST(CountersSchemaLoad, CounterSetCountRule) {
       load(document({group({counter("a", "UINT64")}), group({counter("b", "UINT64")}, "", 2)}));
   ASSERT_TRUE(schema);
   EXPECT_EQ(schema->groups[1].num_counter_sets, 2u);
-  EXPECT_EQ(nmb_counters_schema_number_of_counters(*schema), 0u);
-  EXPECT_TRUE(nmb_counters_schema_has_counters(*schema)) << "its blocks are still exported";
-  EXPECT_TRUE(load(document({group({counter("a", "UINT64")}, "", 1024)})));
-  EXPECT_FALSE(load(document({group({counter("a", "UINT64")}, "", 1025)})))
-      << "an absurd count of counter sets is refused";
-  EXPECT_FALSE(load(document({group({counter("a", "UINT64")}, "", -1)})));
+  EXPECT_EQ(nmb_counters_schema_number_of_counters(*schema), 0u) << "so its blocks are skipped";
+  // Any count loads; a count other than 1 makes the schema count no counters.
+  auto huge = load(document({group({counter("a", "UINT64")}, "", -1)}));
+  ASSERT_TRUE(huge);
+  EXPECT_EQ(huge->groups[0].num_counter_sets, 4294967295u);
+  EXPECT_EQ(nmb_counters_schema_number_of_counters(*huge), 0u);
 }
 
 TEST(CountersSchemaLoad, CounterFilterDropsCountersAndEmptyGroups) {
@@ -169,7 +169,7 @@ TEST(CountersSchemaLoad, CounterFilterDropsCountersAndEmptyGroups) {
   EXPECT_EQ(unfiltered->num_groups, 2u);
   auto only_empty = load(document({group({})}));
   ASSERT_TRUE(only_empty);
-  EXPECT_FALSE(nmb_counters_schema_has_counters(*only_empty));
+  EXPECT_EQ(nmb_counters_schema_number_of_counters(*only_empty), 0u);
 }
 
 // The messages of a load, byte for byte: the version error, one debug line

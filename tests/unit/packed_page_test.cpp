@@ -13,6 +13,7 @@
 #include "data/format.h"
 #include "data/reader.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/recording_sink.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
 
@@ -261,18 +262,18 @@ TEST_F(PackedPages, PascalStringComparesTheLengthAloneWithTheRoom) {
 }
 
 // ---------------------------------------------------------------------------
-// Walking the packed pages of a chunk. Metrics blocks are counted as records
-// without an exporter, which makes the pieces visible; a blob stops the walk
-// with the unknown-block message.
+// Walking the packed pages of a chunk. A recording sink makes the pieces
+// visible; a blob stops the walk with the unknown-block message.
 
 class PageWalk : public PackedPages {
  protected:
-  nmb_read_options_t options;
+  nmb_reader_settings_t settings;
+  nmb::test::RecordingSink sink;
   nmb_reader_context_t reader;
   void SetUp() override {
     PackedPages::SetUp();
-    options.format = NMB_FORMAT_NDJSON;
-    reader.options = &options;
+    reader.settings = &settings;
+    reader.sink = &sink;
     reader.path = "test.bin";
   }
   bool walk(const ByteVec& chunk) {
@@ -295,7 +296,7 @@ TEST_F(PageWalk, SeveralPagesOfBothEncodingsInOneChunk) {
                           PackedPage('S').content(metrics_content(300)).bytes(),
                           PackedPage('G').content(metrics_content(20)).bytes(), ByteVec(50, 0)});
   EXPECT_TRUE(walk(chunk));
-  EXPECT_EQ(reader.records_written, 3u);
+  EXPECT_EQ(sink.count('m'), 3u);
 }
 
 TEST_F(PageWalk, EmptyPagesHoldNoBlocks) {
@@ -303,7 +304,7 @@ TEST_F(PageWalk, EmptyPagesHoldNoBlocks) {
   EXPECT_TRUE(walk(concat({PackedPage('G').content({}).bytes(), PackedPage('S').content({}).bytes(),
                            PackedPage('G').content(metrics_content(8)).bytes()})));
   EXPECT_EQ(logged(), "");
-  EXPECT_EQ(reader.records_written, 1u);
+  EXPECT_EQ(sink.count('m'), 1u);
 }
 
 TEST_F(PageWalk, TruncatedOrUntrailedPageEndsTheChunkQuietly) {
@@ -312,14 +313,14 @@ TEST_F(PageWalk, TruncatedOrUntrailedPageEndsTheChunkQuietly) {
   cut.pop_back();
   start();
   EXPECT_TRUE(walk(concat({good, cut})));
-  EXPECT_EQ(reader.records_written, 1u);
+  EXPECT_EQ(sink.count('m'), 1u);
   EXPECT_TRUE(walk(
       concat({good, PackedPage('G').content(metrics_content(64)).trailer("nmbq").bytes(), good})));
-  EXPECT_EQ(reader.records_written, 2u) << "the page after the bad trailer is not reached";
+  EXPECT_EQ(sink.count('m'), 2u) << "the page after the bad trailer is not reached";
   // A stream size reaching far past the chunk.
   EXPECT_TRUE(walk(PackedPage('G').content(metrics_content(64)).stream_size(0xFFFFFFFF).bytes()));
   EXPECT_TRUE(walk(Bytes().text("NMBP").u8(255).vec()));
-  EXPECT_EQ(reader.records_written, 2u);
+  EXPECT_EQ(sink.count('m'), 2u);
   EXPECT_EQ(logged(), "");
 }
 
@@ -378,15 +379,15 @@ TEST(ChunkLoop, LargeBlockSizeIsNotCommittedAheadOfReading) {
   file.block_size(125829119).chunk(
       nmb::test::Chunk().raw(Bytes().text("NMBX").zeros(12).vec()).unpadded());
   std::string path = file.write(dir.file("big_blocks.bin"));
-  nmb_read_options_t options;
-  options.format = NMB_FORMAT_NDJSON;
+  nmb_reader_settings_t settings;
+  nmb::test::RecordingSink sink;
   nmb_reader_context_t reader;
-  ASSERT_TRUE(nmb_reader_open(reader, path.c_str(), options));
+  ASSERT_TRUE(nmb_reader_open(reader, path.c_str(), settings, sink));
   ASSERT_EQ(gzread(reader.file, reader.header, NMB_FILE_HEADER_SIZE), 256);
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   EXPECT_TRUE(nmb_reader_process_chunks(reader));
-  EXPECT_EQ(reader.records_written, 1u);  // the short metrics chunk
+  EXPECT_EQ(sink.count('m'), 1u);  // the short metrics chunk
   rusage after{};
   getrusage(RUSAGE_SELF, &after);
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "KiB of peak memory added";

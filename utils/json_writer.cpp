@@ -1,4 +1,4 @@
-#include "export/json_writer.h"
+#include "utils/json_writer.h"
 
 #include <charconv>
 #include <cmath>

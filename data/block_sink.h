@@ -1,0 +1,50 @@
+// Where the reader hands what it decodes. The reader walks bytes (header,
+// chunks, packed pages, sub-blocks) and knows no output format; the sink,
+// chosen once per run from the output format, decides what becomes of each
+// block. Blocks are views into the reader's buffers (see data/bytes.h).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "data/bytes.h"
+
+struct nmb_type_system_t;
+
+namespace nmb {
+
+class BlockSink {
+ public:
+  virtual ~BlockSink() = default;
+
+  // The run: before the first file and after the last (false: the run
+  // stopped before any file was processed).
+  virtual void begin_run() {}
+  virtual void end_run(bool /*completed*/) {}
+
+  // One file: opened (its path names it in reports), its schemas loaded
+  // (again after every schemas block; nullptr while none are), then its
+  // chunks walked between begin_data and end_data. `first` is true for the
+  // run's first file; `ok` is false when the chunks failed.
+  virtual void file_opened(const char* path) = 0;
+  virtual void schemas_loaded(const nmb_type_system_t* ts) = 0;
+  virtual void begin_data(const char* /*path*/, bool /*first*/) {}
+  virtual void end_data(bool /*ok*/) {}
+
+  // A counters block (only while the counters schema has counters); false
+  // fails the file.
+  virtual bool counters_block(ByteView block) = 0;
+  // An events block at the start of `area` (what follows it in the area stays
+  // in view): the bytes it takes, 0 on failure.
+  virtual size_t events_block(ByteView area) = 0;
+  // A metrics block; false fails the file.
+  virtual bool metrics_block(ByteView block) = 0;
+
+  // True when decoded packed pages go to data_page whole instead of being cut
+  // into blocks. `payload` is the page's encoded-payload header and stream.
+  virtual bool takes_pages() const { return false; }
+  virtual bool data_page(std::span<const uint8_t> /*payload*/, ByteView /*page*/) { return true; }
+};
+
+}  // namespace nmb

@@ -1,0 +1,302 @@
+#include "export/event_plan.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
+
+#include "data/type_system.h"
+#include "export/value_format.h"
+#include "filter/patterns.h"
+#include "utils/json_writer.h"
+
+namespace {
+
+using Kind = nmb_value_kind_t;
+using Shape = nmb_value_shape_t;
+
+Kind builtin_kind(uint32_t code, bool has_guid) {
+  switch (code) {
+    case NMB_TYPE_BOOL:
+    case NMB_TYPE_UNSIGNED_CHAR:
+    case NMB_TYPE_UINT8:
+      return Kind::kU8;
+    case NMB_TYPE_CHAR:
+    case NMB_TYPE_INT8:
+      return Kind::kI8;
+    case NMB_TYPE_SHORT:
+    case NMB_TYPE_INT16:
+      return Kind::kI16;
+    case NMB_TYPE_INT:
+    case NMB_TYPE_INT32:
+      return Kind::kI32;
+    case NMB_TYPE_LONG:
+    case NMB_TYPE_LONG_LONG:
+      return Kind::kI64;
+    case NMB_TYPE_UNSIGNED_SHORT:
+    case NMB_TYPE_UINT16:
+      return Kind::kU16;
+    case NMB_TYPE_UNSIGNED_INT:
+    case NMB_TYPE_UINT32:
+      return Kind::kU32;
+    case NMB_TYPE_UNSIGNED_LONG:
+    case NMB_TYPE_UINT64:
+    case NMB_TYPE_UNSIGNED_LONG_LONG:
+    case NMB_TYPE_INT64:
+      return has_guid ? Kind::kHex64 : (code == NMB_TYPE_INT64 ? Kind::kI64 : Kind::kU64);
+    case NMB_TYPE_FLOAT:
+      return Kind::kF32;
+    case NMB_TYPE_DOUBLE:
+      return Kind::kF64;
+    default:  // NMB_TYPE_TIMESTAMP
+      return Kind::kU64;
+  }
+}
+
+using PlanIndex = std::unordered_map<const nmb_type_definition_t*, nmb_event_plan_t*>;
+
+nmb_field_plan_t plan_field(const nmb_type_field_definition_t& field, const PlanIndex& plans) {
+  nmb_field_plan_t plan;
+  plan.key = nmb::json_escape_key(field.field_name);
+  plan.name = field.field_name;
+  plan.offset = field.offset;
+  plan.stride = field.type_size;
+  plan.count = field.array_length;
+  const nmb_type_definition_t* type = field.type;
+  if (type == nullptr || type->type_code == NMB_TYPE_USER) {
+    plan.kind = Kind::kNested;
+    auto it = plans.find(type);
+    plan.nested = it != plans.end() ? it->second : nullptr;
+  } else {
+    plan.kind = builtin_kind(type->type_code, nmb_name_has_guid(field.field_name.c_str()));
+  }
+  plan.guid_like = nmb_is_guid_field_name(field.field_name.c_str());
+  const uint32_t code = type != nullptr ? type->type_code : NMB_TYPE_USER;
+  if (plan.count == 1) {
+    plan.shape = Shape::kScalar;
+  } else if (code == NMB_TYPE_CHAR || code == NMB_TYPE_UNSIGNED_CHAR) {
+    plan.shape = Shape::kCharString;
+  } else {
+    plan.shape = Shape::kArray;
+  }
+  return plan;
+}
+
+bool field_can_fail(const nmb_field_plan_t& field) {
+  if (field.shape == Shape::kCharString) return true;
+  if (field.kind == Kind::kNested) return field.nested != nullptr && field.nested->can_fail;
+  return field.kind == Kind::kF32 || field.kind == Kind::kF64;
+}
+
+void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
+                  const PlanIndex& plans) {
+  plan.type = &type;
+  for (char c : type.name) {
+    if (c == ',' || c == ' ' || c == '\\') plan.influx_measurement.push_back('\\');
+    plan.influx_measurement.push_back(c);
+  }
+  std::vector<nmb_field_plan_t> replaced;
+  // Member position by name: a type may hold a great many fields, and a
+  // search per field would make compiling quadratic.
+  std::unordered_map<std::string_view, size_t> position;
+  position.reserve(type.fields.size());
+  for (const auto& field : type.fields) {
+    nmb_field_plan_t field_plan = plan_field(field, plans);
+    auto [it, added] = position.emplace(field.field_name, plan.members.size());
+    if (added) {
+      plan.members.push_back(std::move(field_plan));
+    } else {
+      nmb_field_plan_t& member = plan.members[it->second];
+      replaced.push_back(std::move(member));
+      member = std::move(field_plan);
+    }
+  }
+  // Whether a nested value can fail is known only once every plan is
+  // compiled, so replaced nested values are all kept.
+  for (auto& field : replaced) {
+    if (field_can_fail(field) || field.kind == Kind::kNested)
+      plan.checks.push_back(std::move(field));
+  }
+  for (size_t i = 0; i < plan.members.size(); ++i) {
+    if (plan.members[i].name == "header_timestamp")
+      plan.header_timestamp_member = static_cast<int>(i);
+    if (plan.members[i].name == "@header_timestamp")
+      plan.formatted_timestamp_member = static_cast<int>(i);
+  }
+}
+
+// ---- how large a record can get ---------------------------------------------
+//
+// An upper bound of the text one record of a type is written as, in the pretty
+// JSON form (the largest: it indents every line) and as Influx fields (every
+// value carries its whole key path). Kept per type for the object written at
+// depth 0; one level deeper adds 4 bytes to each of its lines, and a key
+// prefix of p bytes adds p bytes to each of its values.
+
+constexpr uint64_t kSaturated = uint64_t{1} << 62;
+uint64_t add(uint64_t a, uint64_t b) {
+  return a + b > kSaturated ? kSaturated : a + b;
+}
+uint64_t mul(uint64_t a, uint64_t b) {
+  return a != 0 && b > kSaturated / a ? kSaturated : a * b;
+}
+
+constexpr uint64_t kNumberText = 24;  // "%1.17g" at most, or a quoted GUID hex
+
+struct Cost {
+  uint64_t bytes = 0;   // pretty JSON text of the members at depth 0
+  uint64_t lines = 0;   // lines that one more level of depth indents
+  uint64_t values = 0;  // Influx fields
+  uint64_t influx = 0;  // Influx text of the fields, with no key prefix
+};
+
+enum class Visit : uint8_t { kNew, kOpen, kDone };
+
+struct CostState {
+  Visit visit = Visit::kNew;
+  Cost cost;
+  const nmb_event_plan_t* cyclic = nullptr;  // a type reached that contains itself
+};
+
+using CostMap = std::unordered_map<const nmb_event_plan_t*, CostState>;
+
+// One element of a member: its text at the member's depth (pretty JSON) and
+// its lines, and its Influx fields with their text.
+Cost element_cost(const nmb_field_plan_t& field, const Cost& nested) {
+  if (field.kind != Kind::kNested) return {kNumberText, 0, 1, kNumberText + 2};
+  // "{", the members one level deeper, a newline, the indent and "}".
+  return {add(add(nested.bytes, mul(nested.lines, 4)), 8), add(nested.lines, 1), nested.values,
+          nested.influx};
+}
+
+Cost member_cost(const nmb_field_plan_t& field, const Cost& nested) {
+  const uint64_t key = field.key.size();
+  const uint64_t name = 6 * static_cast<uint64_t>(field.name.size());  // escaped Influx key
+  const uint64_t count = field.count;
+  Cost c;
+  // The member's own line: indent, key, ": ", and ",\n".
+  c.bytes = 4 + key + 2 + 2;
+  c.lines = 1;
+  if (field.shape == Shape::kCharString || field.guid_like) {
+    const uint64_t text = field.guid_like ? kNumberText : 2 + 6 * count;
+    c.bytes = add(c.bytes, text);
+    c.values = 1;
+    c.influx = add(name + 4, add(text, text));  // quotes and backslashes doubled
+    return c;
+  }
+  const Cost element = element_cost(field, nested);
+  if (field.shape == Shape::kScalar) {
+    c.bytes = add(c.bytes, element.bytes);
+    c.lines = add(c.lines, element.lines);
+    c.values = element.values;
+    c.influx = add(element.influx, mul(element.values, name + 1));
+    return c;
+  }
+  // "[", per element a newline, the indent one level deeper and ",", then
+  // the closing line.
+  c.bytes = add(c.bytes, add(mul(count, add(element.bytes, add(mul(element.lines, 4), 10))), 8));
+  c.lines = add(c.lines, add(mul(count, add(element.lines, 1)), 1));
+  c.values = mul(count, element.values);
+  // "_<index>" adds at most 6 bytes to every key.
+  c.influx = mul(count, add(element.influx, mul(element.values, name + 1 + 6)));
+  return c;
+}
+
+void compute_cost(const nmb_event_plan_t* plan, CostMap& costs) {
+  CostState& state = costs[plan];
+  if (state.visit == Visit::kDone) return;
+  if (state.visit == Visit::kOpen) {
+    state.cyclic = plan;
+    return;
+  }
+  state.visit = Visit::kOpen;
+  Cost total{2, 1, 0, 0};  // "{" ... "}"
+  const nmb_event_plan_t* cyclic = nullptr;
+  auto visit = [&](const nmb_field_plan_t& field) {
+    Cost nested;
+    if (field.kind == Kind::kNested && field.nested != nullptr && !field.guid_like) {
+      compute_cost(field.nested, costs);
+      const CostState& inner = costs[field.nested];
+      if (inner.cyclic != nullptr && cyclic == nullptr) cyclic = inner.cyclic;
+      nested = inner.cost;
+    }
+    const Cost c = member_cost(field, nested);
+    total = {add(total.bytes, c.bytes), add(total.lines, c.lines), add(total.values, c.values),
+             add(total.influx, c.influx)};
+  };
+  for (const auto& field : plan->members) visit(field);
+  for (const auto& field : plan->checks) visit(field);
+  CostState& done = costs[plan];  // the map may have grown
+  if (done.cyclic != nullptr && cyclic == nullptr) cyclic = done.cyclic;
+  done.cost = total;
+  done.cyclic = cyclic;
+  done.visit = Visit::kDone;
+}
+
+void decide_refusal(nmb_event_plan_t& plan, const nmb_schema_t& schema, CostMap& costs) {
+  compute_cost(&plan, costs);
+  const CostState& state = costs[&plan];
+  if (state.cyclic != nullptr) {
+    plan.refusal = "Type " + plan.type->name + " of schema " + schema.name +
+                   " cannot be exported: type " + state.cyclic->type->name + " contains itself";
+    return;
+  }
+  // The two added timestamp members take well under 200 bytes.
+  const uint64_t text = std::max(state.cost.bytes, state.cost.influx) + 200;
+  if (text > NMB_MAX_RECORD_TEXT) {
+    plan.refusal = "Type " + plan.type->name + " of schema " + schema.name +
+                   " cannot be exported: one record can expand to more than " +
+                   std::to_string(NMB_MAX_RECORD_TEXT) + " bytes of text";
+  }
+}
+
+}  // namespace
+
+void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array_t& include,
+                             const nmb_string_array_t& exclude, nmb_event_plans_t& out) {
+  out.schemas_.clear();
+  out.schemas_.resize(ts.num_schemas);
+  for (uint32_t s = 0; s < ts.num_schemas; ++s) {
+    const nmb_schema_t* schema = ts.schemas[s].get();
+    if (schema == nullptr) continue;
+    auto& plans = out.schemas_[s];
+    plans.resize(schema->num_types);
+    // Plans refer to the plans of nested types, so all exist before any is
+    // filled.
+    PlanIndex index;
+    for (uint32_t t = 0; t < schema->num_types; ++t) {
+      if (!schema->types[t]) continue;
+      plans[t] = std::make_unique<nmb_event_plan_t>();
+      index.emplace(schema->types[t].get(), plans[t].get());
+    }
+    for (uint32_t t = 0; t < schema->num_types; ++t) {
+      if (!plans[t]) continue;
+      const nmb_type_definition_t& type = *schema->types[t];
+      compile_plan(*plans[t], type, index);
+      plans[t]->selected = nmb_type_name_is_selected(type.name.c_str(), include, exclude);
+    }
+    // Whether a record can fail depends on nested plans: settle it by rounds
+    // (flags only ever turn on, so this ends, also for types that contain
+    // themselves).
+    for (bool changed = true; changed;) {
+      changed = false;
+      for (auto& plan : plans) {
+        if (!plan || plan->can_fail) continue;
+        bool can_fail = !plan->checks.empty();
+        for (const auto& member : plan->members) can_fail = can_fail || field_can_fail(member);
+        if (can_fail) {
+          plan->can_fail = true;
+          changed = true;
+        }
+      }
+    }
+    CostMap costs;
+    for (auto& plan : plans) {
+      if (plan) decide_refusal(*plan, *schema, costs);
+    }
+  }
+}
+
+bool nmb_event_guid_conversion_on() {
+  static const bool on = nmb_read_guid_conversion_switch();
+  return on;
+}

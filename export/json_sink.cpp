@@ -1,0 +1,76 @@
+#include "export/json_sink.h"
+
+#include <cstring>
+
+#include "utils/json_writer.h"
+
+namespace nmb {
+
+JsonSink::JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty)
+    : RecordSink(settings, buffer, pretty), pretty_(pretty) {}
+
+void JsonSink::begin_run() {
+  if (pretty_) output().buffer().put('{');
+}
+
+void JsonSink::end_run(bool completed) {
+  // A run that stopped before any file leaves the document open.
+  if (pretty_ && completed) output().buffer().put('}');
+}
+
+void JsonSink::begin_data(const char* path, bool first) {
+  if (!pretty_) return;
+  OutputBuffer& out = output().buffer();
+  if (!first) out.put(',');
+  // The file's base name, cut before its first '.'.
+  const char* base = std::strrchr(path, '/');
+  base = base != nullptr ? base + 1 : path;
+  out.printf("\"%.*s\":[", static_cast<int>(std::strcspn(base, ".")), base);
+  out.commit();
+}
+
+void JsonSink::end_data(bool ok) {
+  if (!pretty_) return;
+  // A file that failed leaves its array open.
+  if (ok) output().buffer().put(']');
+  output().buffer().commit();
+}
+
+bool JsonSink::write_counters(ByteView block) {
+  RecordOutput& out = output();
+  std::string& text = out.text();
+  const size_t mark = text.size();
+  out.begin_record();
+  // Metadata enrichment (-M) of the counters object goes here once it exists.
+  if (!nmb_counters_block_to_json(text, block, *counters_plan(),
+                                  out.settings().microsecond_precision, pretty_)) {
+    text.resize(mark);
+    out.report("Failed to JSONify event values");
+    return false;
+  }
+  if (!pretty_) text.push_back('\n');
+  out.buffer().commit();
+  return true;
+}
+
+bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
+                           const nmb_header_timestamp_t& ts) {
+  RecordOutput& out = output();
+  std::string& text = out.text();
+  const size_t mark = text.size();
+  nmb_event_guid_conversion_on();  // read on the first record built, as its first field asks
+  out.begin_record();
+  JsonWriter w(text, pretty_);
+  w.begin_object();
+  if (refuse_unsafe_plan(plan) || !nmb_event_record_to_json(w, plan, record, ts)) {
+    text.resize(mark);  // the record is taken back whole
+    out.report("Failed to JSONify event values");
+    return false;
+  }
+  w.end_object();
+  if (!pretty_) text.push_back('\n');
+  out.count_record();
+  return true;
+}
+
+}  // namespace nmb

@@ -1,0 +1,30 @@
+// -f json and -f ndjson: one JSON object per counters block and per event
+// record. json writes one document for the whole run,
+// {"<file base name>":[record,\n record, ...], ...}, records pretty-printed;
+// ndjson writes each record compact on a line of its own.
+#pragma once
+
+#include <memory>
+
+#include "export/record_sink.h"
+
+namespace nmb {
+
+class JsonSink : public RecordSink {
+ public:
+  JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty);
+
+  void begin_run() override;
+  void end_run(bool completed) override;
+  void begin_data(const char* path, bool first) override;
+  void end_data(bool ok) override;
+
+  bool write_counters(ByteView block) override;
+  bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                   const nmb_header_timestamp_t& ts) override;
+
+ private:
+  const bool pretty_;  // json; ndjson otherwise
+};
+
+}  // namespace nmb

@@ -1,0 +1,62 @@
+// The block sink of every format that writes records: it compiles the export
+// plans when a type system has been loaded, walks events, counters and
+// metrics blocks through their exporters, and leaves to each output format
+// only what it writes for one record (the write_* hooks).
+//
+// To add an output format, derive from RecordSink, implement the hooks (and
+// the run and file framing the format needs), and add one line to the sink
+// selection in app/.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "counters/counters_export.h"
+#include "data/block_sink.h"
+#include "export/event_json.h"
+#include "export/event_plan.h"
+#include "export/record_output.h"
+
+struct nmb_counters_schema_t;
+
+namespace nmb {
+
+class RecordSink : public BlockSink {
+ public:
+  // `json_separators`: the format separates a file's records with ",\n".
+  RecordSink(const ExportSettings& settings, OutputBuffer& buffer, bool json_separators);
+  ~RecordSink() override;
+
+  void file_opened(const char* path) override;
+  void schemas_loaded(const nmb_type_system_t* ts) override;
+  bool counters_block(ByteView block) override;
+  size_t events_block(ByteView area) override;
+  bool metrics_block(ByteView block) override;
+
+  // What one record becomes in this format. Each returns false when the file
+  // fails, and counts the record in output() when it was handled.
+  // A counters block that passed -p and the time bounds.
+  virtual bool write_counters(ByteView block) = 0;
+  // One record of a selected event type (`record` runs to the end of its
+  // block).
+  virtual bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                           const nmb_header_timestamp_t& ts) = 0;
+
+  RecordOutput& output() { return output_; }
+  const nmb_type_system_t* type_system() const { return type_system_; }
+  const nmb_counters_schema_t* counters_schema() const;
+  const nmb_counters_plan_t* counters_plan() const { return counters_plan_.get(); }
+  const nmb_event_plans_t& event_plans() const { return event_plans_; }
+
+ private:
+  RecordOutput output_;
+  const nmb_type_system_t* type_system_ = nullptr;
+  nmb_event_plans_t event_plans_;
+  nmb_counters_plan_ptr counters_plan_;
+};
+
+// The refusal of a plan that cannot be written, logged; true when refused.
+bool refuse_unsafe_plan(const nmb_event_plan_t& plan);
+
+}  // namespace nmb

@@ -1,0 +1,19 @@
+// -f txt: counters blocks as aligned text tables; event records are reported
+// as not supported in text.
+#pragma once
+
+#include "export/record_sink.h"
+
+namespace nmb {
+
+class TextSink : public RecordSink {
+ public:
+  TextSink(const ExportSettings& settings, OutputBuffer& buffer)
+      : RecordSink(settings, buffer, false) {}
+
+  bool write_counters(ByteView block) override;
+  bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                   const nmb_header_timestamp_t& ts) override;
+};
+
+}  // namespace nmb
