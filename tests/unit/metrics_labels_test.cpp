@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "metrics/labels_block.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/metrics_builder.h"
-#include "tests/support/run_binary.h"
 #include "utils/log.h"
 
 namespace {
@@ -24,15 +24,8 @@ ByteVec batch_with(const LabelsBlock& block, size_t start = 14) {
   return batch;
 }
 
-class LabelsBlockTest : public testing::Test {
+class LabelsBlockTest : public nmb::test::LoggedTest {
  protected:
-  void SetUp() override { nmb_init_stderr_logger(NMB_LOG_ERROR); }
-  void TearDown() override { nmb_logger_reset_for_tests(); }
-  void start() { testing::internal::CaptureStderr(); }
-  std::string logged() {
-    return nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
-  }
-
   // The exception message of a failed decode; empty when it succeeds.
   static std::string failure(const ByteVec& batch, uint64_t start) {
     uint64_t set = 0;

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/metrics_builder.h"
-#include "tests/support/run_binary.h"
 #include "utils/log.h"
 
 namespace {
@@ -21,15 +21,8 @@ using nmb::test::LabelsBlock;
 using nmb::test::MetricsPayload;
 using Strings = std::vector<std::string>;
 
-class MetricsParser : public testing::Test {
+class MetricsParser : public nmb::test::LoggedTest {
  protected:
-  void SetUp() override { nmb_init_stderr_logger(NMB_LOG_ERROR); }
-  void TearDown() override { nmb_logger_reset_for_tests(); }
-  void start() { testing::internal::CaptureStderr(); }
-  std::string logged() {
-    return nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
-  }
-
   // The error message of a failed parse; empty when it succeeds.
   static std::string failure(const ByteVec& block) {
     MetricsTables tables;
