@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "data/format.h"
-#include "export/record_sink.h"
+#include "export/record_output.h"
 #include "export/value_format.h"
 #include "utils/json_writer.h"
 #include "utils/log.h"
@@ -305,17 +305,17 @@ bool nmb_counters_block_to_json(std::string& out, nmb::ByteView block,
   return true;
 }
 
-int nmb_export_counters_block(nmb::RecordSink& sink, nmb::ByteView block) {
-  const nmb::ExportSettings& settings = sink.output().settings();
+int nmb_export_counters_block(nmb::RecordOutput& out, nmb::ByteView block,
+                              nmb_counters_writer_t& writer) {
+  const nmb::ExportSettings& settings = out.settings();
   if (settings.print_headers) {
     uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
     block.copy(0, header, sizeof header);
     nmb_print_counters_block_header(header);
-    sink.output().buffer().commit();
+    out.buffer().commit();
     return 1;
   }
   const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
   if (timestamp < settings.timestamp_gt || timestamp > settings.timestamp_lt) return 1;
-  if (sink.counters_schema() == nullptr || sink.counters_plan() == nullptr) return 1;
-  return sink.write_counters(block) ? 1 : 0;
+  return writer.write_counters(block) ? 1 : 0;
 }

@@ -11,8 +11,15 @@
 #include "data/bytes.h"
 
 namespace nmb {
-class RecordSink;
+class RecordOutput;
 }
+
+// What an output format writes for one counters block.
+class nmb_counters_writer_t {
+ public:
+  virtual ~nmb_counters_writer_t() = default;
+  virtual bool write_counters(nmb::ByteView block) = 0;
+};
 
 // The compiled plan of a counters schema.
 struct nmb_counters_plan_t;
@@ -24,9 +31,10 @@ using nmb_counters_plan_ptr = std::unique_ptr<nmb_counters_plan_t, nmb_counters_
 nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema);
 
 // One counters block: with -p its header is printed instead; blocks outside
-// the time bounds are skipped; the rest go to the sink's format. 1 on success
-// or skip, 0 on failure.
-int nmb_export_counters_block(nmb::RecordSink& sink, nmb::ByteView block);
+// the time bounds are skipped; the rest go to the writer. 1 on success or
+// skip, 0 on failure.
+int nmb_export_counters_block(nmb::RecordOutput& out, nmb::ByteView block,
+                              nmb_counters_writer_t& writer);
 
 // Appends the block as one JSON object (pretty or compact) to out; false when
 // a value cannot be a JSON value (out is then cut back to where it was).

@@ -36,7 +36,7 @@ const nmb_counters_schema_t* RecordSink::counters_schema() const {
 }
 
 bool RecordSink::counters_block(ByteView block) {
-  const int result = nmb_export_counters_block(*this, block);
+  const int result = counters_plan_ ? nmb_export_counters_block(output_, block, *this) : 1;
   // Counted whatever the export did (skipped by the time filter or only
   // printed as a header too), so the next json record gets its separator.
   output_.count_record();
@@ -44,7 +44,7 @@ bool RecordSink::counters_block(ByteView block) {
 }
 
 size_t RecordSink::events_block(ByteView area) {
-  return nmb_export_events_block(*this, area);
+  return nmb_export_events_block(output_, type_system_, event_plans_, area, *this);
 }
 
 bool RecordSink::metrics_block(ByteView /*block*/) {

@@ -14,6 +14,7 @@
 
 #include "counters/counters_export.h"
 #include "data/block_sink.h"
+#include "export/event_export.h"
 #include "export/event_json.h"
 #include "export/event_plan.h"
 #include "export/record_output.h"
@@ -22,7 +23,7 @@ struct nmb_counters_schema_t;
 
 namespace nmb {
 
-class RecordSink : public BlockSink {
+class RecordSink : public BlockSink, protected nmb_counters_writer_t, protected nmb_event_writer_t {
  public:
   // `json_separators`: the format separates a file's records with ",\n".
   RecordSink(const ExportSettings& settings, OutputBuffer& buffer, bool json_separators);
@@ -34,14 +35,11 @@ class RecordSink : public BlockSink {
   size_t events_block(ByteView area) override;
   bool metrics_block(ByteView block) override;
 
-  // What one record becomes in this format. Each returns false when the file
-  // fails, and counts the record in output() when it was handled.
-  // A counters block that passed -p and the time bounds.
-  virtual bool write_counters(ByteView block) = 0;
-  // One record of a selected event type (`record` runs to the end of its
-  // block).
-  virtual bool write_event(const nmb_event_plan_t& plan, ByteView record,
-                           const nmb_header_timestamp_t& ts) = 0;
+  // What one record becomes in this format (the hooks of the writers):
+  // write_counters for a counters block that passed -p and the time bounds,
+  // write_event for one record of a selected event type. Each returns false
+  // when the file fails, and counts the record in output() when it was
+  // handled.
 
   RecordOutput& output() { return output_; }
   const nmb_type_system_t* type_system() const { return type_system_; }

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "export/json_writer.h"
+#include "utils/json_writer.h"
 #include "fuzz/fuzz_inputs.h"
 #include "metrics/metrics_export.h"
 #include "metrics/metrics_parser.h"

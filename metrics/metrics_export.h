@@ -12,7 +12,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "export/json_writer.h"
+#include "utils/json_writer.h"
 #include "metrics/metrics_parser.h"
 
 // [{"name": "value"}, ...] in the map's iteration order. False when a value is

@@ -6,6 +6,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
+# The shape of the code: no forbidden include between folders, no include circle.
+python3 scripts/check_layers.py
+
 # Reader fuzzing (clang, libFuzzer): the corpus grows across runs; the seeds
 # from the test-data builder are rewritten every time. A crash, leak or hang
 # fails the script and leaves the input in build/fuzz/artifacts/.
