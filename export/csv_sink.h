@@ -20,6 +20,10 @@ class CsvSink : public RecordSink {
     output().count_record();
     return true;
   }
+  bool write_metrics(const metrics::MetricsTables& /*tables*/) override {
+    output().report("CSV output is not supported yet");
+    return true;
+  }
 };
 
 }  // namespace nmb

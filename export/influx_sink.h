@@ -16,6 +16,10 @@ class InfluxSink : public RecordSink {
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;
+  bool write_metrics(const metrics::MetricsTables& /*tables*/) override {
+    output().report("Influx line API output is not yet supported for metrics data");
+    return true;
+  }
 
  private:
   std::string key_prefix_;  // reused for every record

@@ -1,8 +1,10 @@
 #include "export/json_sink.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "utils/json_writer.h"
+#include "utils/log.h"
 
 namespace nmb {
 
@@ -70,6 +72,28 @@ bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
   w.end_object();
   if (!pretty_) text.push_back('\n');
   out.count_record();
+  return true;
+}
+
+bool JsonSink::write_metrics(const metrics::MetricsTables& tables) {
+  RecordOutput& out = output();
+  std::string& text = out.text();
+  const size_t mark = text.size();
+  try {
+    out.begin_record();
+    JsonWriter w(text, pretty_);
+    if (!nmb_metrics_to_json(w, tables, out.settings().microsecond_precision)) {
+      text.resize(mark);
+      out.report("Failed to JSONify metric values");
+      return false;
+    }
+  } catch (const std::exception& e) {
+    // Labels or names the block cannot resolve: a malformed block.
+    text.resize(mark);
+    NMB_LOG(NMB_LOG_ERROR, "failed to parse full block: %s", e.what());
+    return false;
+  }
+  if (!pretty_) text.push_back('\n');
   return true;
 }
 

@@ -22,6 +22,7 @@ class JsonSink : public RecordSink {
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;
+  bool write_metrics(const metrics::MetricsTables& tables) override;
 
  private:
   const bool pretty_;  // json; ndjson otherwise

@@ -47,9 +47,10 @@ size_t RecordSink::events_block(ByteView area) {
   return nmb_export_events_block(output_, type_system_, event_plans_, area, *this);
 }
 
-bool RecordSink::metrics_block(ByteView /*block*/) {
-  // Metrics blocks are passed over until their exporter is wired in here;
-  // each still counts as a record.
+bool RecordSink::metrics_block(ByteView block) {
+  nmb_export_metrics_block(output_, block, *this);
+  // Counted whatever the export did; a block that failed is logged and
+  // reading goes on with the next one.
   output_.count_record();
   return true;
 }

@@ -18,12 +18,16 @@
 #include "export/event_json.h"
 #include "export/event_plan.h"
 #include "export/record_output.h"
+#include "metrics/metrics_export.h"
 
 struct nmb_counters_schema_t;
 
 namespace nmb {
 
-class RecordSink : public BlockSink, protected nmb_counters_writer_t, protected nmb_event_writer_t {
+class RecordSink : public BlockSink,
+                   protected nmb_counters_writer_t,
+                   protected nmb_event_writer_t,
+                   protected nmb_metrics_writer_t {
  public:
   // `json_separators`: the format separates a file's records with ",\n".
   RecordSink(const ExportSettings& settings, OutputBuffer& buffer, bool json_separators);
@@ -37,7 +41,8 @@ class RecordSink : public BlockSink, protected nmb_counters_writer_t, protected 
 
   // What one record becomes in this format (the hooks of the writers):
   // write_counters for a counters block that passed -p and the time bounds,
-  // write_event for one record of a selected event type. Each returns false
+  // write_event for one record of a selected event type, write_metrics for
+  // a parsed metrics block (refused by most formats). Each returns false
   // when the file fails, and counts the record in output() when it was
   // handled.
 

@@ -14,6 +14,10 @@ class TextSink : public RecordSink {
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;
+  bool write_metrics(const metrics::MetricsTables& /*tables*/) override {
+    output().report("Unsupported output format");
+    return true;
+  }
 };
 
 }  // namespace nmb

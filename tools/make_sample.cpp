@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/metrics_builder.h"
 
 namespace {
 
@@ -293,6 +294,26 @@ void make_sample(const std::string& folder) {
   }
   snappy_file.chunk(snappy_chunk);
   snappy_file.write(folder + "/packed_snappy.bin");
+
+  // metrics blocks: per adapter port, received and sent bytes, two batches a
+  // block (the object shows the later one).
+  DataFile metrics_file = sample_file("metrics", 3);
+  for (int s = 0; s < 3; ++s) {
+    const uint64_t ts = kStart + static_cast<uint64_t>(s) * kSecond;
+    MetricsPayload payload;
+    payload.label_names({"device", "port"})
+        .label_values({"mlx5_0", "mlx5_1", "1"})
+        .metric_names({"port_rcv_bytes", "port_xmit_bytes"})
+        .common_labels({{"host", "node01"}});
+    for (uint8_t device = 0; device < 2; ++device) {
+      payload.batch(Batch(ts + device * 1000)
+                        .sample(0, 1000000u * (s + 1) + device)
+                        .sample(1, 750000u * (s + 1) + device)
+                        .labels(LabelsBlock('M', 0).id(device).id(2)));
+    }
+    metrics_file.chunk(Chunk().raw(payload.bytes()));
+  }
+  metrics_file.write(folder + "/metrics.bin");
 }
 
 }  // namespace

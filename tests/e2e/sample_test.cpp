@@ -19,7 +19,7 @@ TEST(SampleData, ExportsCleanlyInBothJsonForms) {
   auto made = run_binary(NMB_MAKE_SAMPLE_BINARY, {dir.path()});
   ASSERT_EQ(made.status, 0) << made.err;
   std::vector<std::string> files;
-  for (const char* name : {"counters", "events", "packed_gzip", "packed_snappy"})
+  for (const char* name : {"counters", "events", "packed_gzip", "packed_snappy", "metrics"})
     files.push_back(dir.file(std::string(name) + ".bin"));
 
   std::vector<std::string> args = {"-s", dir.file("schema"), "-f", "ndjson"};
@@ -34,8 +34,9 @@ TEST(SampleData, ExportsCleanlyInBothJsonForms) {
     EXPECT_TRUE(nlohmann::json::accept(line)) << line;
     ++count;
   }
-  // 3 counters blocks, 8 events, 4 counters blocks in gzip pages, 8 events in snappy pages.
-  EXPECT_EQ(count, 23u);
+  // 3 counters blocks, 8 events, 4 counters blocks in gzip pages, 8 events in
+  // snappy pages, 3 metrics blocks.
+  EXPECT_EQ(count, 26u);
 
   args[3] = "json";
   auto json = run_binary(NMB_READ_BINARY, args);
@@ -47,6 +48,7 @@ TEST(SampleData, ExportsCleanlyInBothJsonForms) {
   EXPECT_EQ(doc["events"].size(), 8u);
   EXPECT_EQ(doc["packed_gzip"].size(), 4u);
   EXPECT_EQ(doc["packed_snappy"].size(), 8u);
+  EXPECT_EQ(doc["metrics"].size(), 3u);
   // The packed files hold the same samples as the plain ones.
   for (size_t i = 0; i < 3; ++i) EXPECT_EQ(doc["packed_gzip"][i], doc["counters"][i]);
   EXPECT_EQ(doc["packed_snappy"], doc["events"]);

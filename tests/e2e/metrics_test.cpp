@@ -1,0 +1,143 @@
+// Metrics blocks as nmb_read writes them: one object per block showing its
+// last batch, labels from the common labels and the batch's label set, the
+// json separators they share with counters blocks, malformed blocks logged
+// and passed over, and the formats that refuse them.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/data_builder.h"
+#include "tests/support/metrics_builder.h"
+#include "tests/support/run_binary.h"
+
+namespace {
+
+using namespace nmb::test;
+
+class MetricsE2E : public ::testing::Test {
+ protected:
+  // A file whose chunks each hold one block; the counters schema has one
+  // counter "c".
+  std::string write(const std::vector<ByteVec>& blocks) {
+    CounterGroup g("g");
+    g.counter("c");
+    SchemaId id = write_schema_file(dir_.file("schema"), CountersSchema().group(g));
+    DataFile file;
+    file.block_size(512).times(1, 2).counters_schema(id);
+    for (const ByteVec& block : blocks) file.chunk(Chunk().raw(block));
+    return file.write(dir_.file("data.bin"));
+  }
+
+  RunResult run(std::vector<std::string> args) const {
+    args.insert(args.begin(), {"-s", dir_.file("schema")});
+    RunOptions options;
+    options.env.emplace_back("TZ", "UTC");
+    RunResult result = run_binary(NMB_READ_BINARY, args, options);
+    result.err = strip_log_timestamps(result.err);
+    return result;
+  }
+
+  TempDir dir_;
+};
+
+// Label set 0 names "host"; the common labels set "host" too.
+MetricsPayload host_payload() {
+  MetricsPayload p;
+  p.label_names({"host"}).label_values({"b"}).metric_names({"rx", "tx"});
+  p.common_labels({{"host", "a"}});
+  return p;
+}
+
+TEST_F(MetricsE2E, LastBatchWinsAndBatchLabelsOverrideCommonOnes) {
+  ByteVec block =
+      host_payload()
+          .batch(Batch(1000).sample(0, 5).labels(LabelsBlock('L', 0).id(0)))
+          .batch(
+              Batch(2000).sample(1, 7).sample(0, UINT64_MAX).labels(LabelsBlock('I', 0).text("c")))
+          .bytes();
+  RunResult r = run({"-f", "ndjson", write({block})});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, R"({"timestamp":2000,"@timestamp":"1970-01-01 00:00:00.002",)"
+                   R"("labels":[{"host":"c"}],"metrics":[{"tx":7},{"rx":1.8446744073709552e+19}]})"
+                   "\n");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST_F(MetricsE2E, LabelsFirstSetByALaterBatchComeAfterTheMetrics) {
+  // Batch 1 names label set 1, which has no names section: no "labels", not
+  // even the common ones.
+  ByteVec block = host_payload()
+                      .batch(Batch(1000).sample(0, 5).labels(LabelsBlock('L', 1).id(0)))
+                      .batch(Batch(2000).sample(0, 6).labels(LabelsBlock('L', 0).id(0)))
+                      .bytes();
+  ByteVec absent =
+      host_payload().batch(Batch(3000).sample(1, 1).labels(LabelsBlock('L', 1).id(0))).bytes();
+  ByteVec empty = host_payload().bytes();
+  RunResult r = run({"-f", "ndjson", write({block, absent, empty})});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            R"({"timestamp":2000,"@timestamp":"1970-01-01 00:00:00.002","metrics":[{"rx":6}],)"
+            R"("labels":[{"host":"b"}]})"
+            "\n"
+            R"({"timestamp":3000,"@timestamp":"1970-01-01 00:00:00.003","metrics":[{"tx":1}]})"
+            "\n{}\n");
+}
+
+TEST_F(MetricsE2E, CommonLabelsJoinTheBatchLabels) {
+  MetricsPayload p;
+  p.label_names({"dev", "port"}).label_values({"mlx5_0"}).metric_names({"rx"});
+  p.common_labels({{"site", "lab"}, {"dev", "old"}});
+  p.batch(Batch(1).sample(0, 2).labels(LabelsBlock('M', 0).id(0).text("1")));
+  RunResult r = run({"-f", "ndjson", "-u", write({p.bytes()})});
+  ASSERT_EQ(r.status, 0) << r.err;
+  nlohmann::json object = nlohmann::json::parse(r.out);
+  EXPECT_EQ(object["@timestamp"], "1970-01-01 00:00:00.000001");
+  std::multiset<std::string> labels;
+  for (const auto& label : object["labels"]) labels.insert(label.dump());
+  EXPECT_EQ(labels, (std::multiset<std::string>{R"({"dev":"mlx5_0"})", R"({"port":"1"})",
+                                                R"({"site":"lab"})"}));
+}
+
+// Every metrics block counts as a record, printed or not: the json separator
+// comes before the next object even after a malformed block printed nothing.
+TEST_F(MetricsE2E, MalformedBlocksAreLoggedAndPassedOverInJson) {
+  ByteVec bad = host_payload()
+                    .batch(Batch(1).sample(0, 1).labels(LabelsBlock('L', 0).id(0)))
+                    .total_size(600)
+                    .bytes();
+  ByteVec good = host_payload().bytes();
+  RunResult r = run({"-f", "json", write({bad, good, counters_block(1, Bytes().u64(2).vec())})});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"data\":[,\n{},\n{\n    \"timestamp\": 1,\n"
+            "    \"@timestamp\": \"1970-01-01 00:00:00.000\",\n"
+            "    \"groups\": [\n        {\n            \"granularity\": \"NODE\",\n"
+            "            \"name\": \"g\",\n            \"counter_sets\": [\n"
+            "                {\n                    \"c\": 2\n                }\n"
+            "            ]\n        }\n    ]\n}]}");
+  EXPECT_NE(r.err.find("[error] failed to parse full block: Invalid binary data format: "
+                       "total_size exceeds the block\n"),
+            std::string::npos)
+      << r.err;
+}
+
+TEST_F(MetricsE2E, OtherFormatsRefuseMetricsBlocks) {
+  std::string path = write({host_payload().bytes()});
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"txt", "Unsupported output format"},
+      {"bin", "Unsupported output format"},
+      {"csv", "CSV output is not supported yet"},
+      {"influx", "Influx line API output is not yet supported for metrics data"},
+  };
+  for (const auto& [format, message] : cases) {
+    RunResult r = run({"-f", format, "-o", dir_.path(), path});
+    EXPECT_EQ(r.status, 0) << format;
+    EXPECT_EQ(r.out, "") << format;
+    EXPECT_EQ(r.err, "Failed processing file " + path + ": " + message + "\n") << format;
+  }
+}
+
+}  // namespace
