@@ -119,7 +119,7 @@ void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
 }
 
 // Writes one counter value; false when it cannot be a JSON value.
-bool render_value(nmb::JsonWriter& w, const CounterRender& r, nmb::ByteView values) {
+bool render_value(nmb::JsonWriter& w, const CounterRender& r, const nmb::ByteView& values) {
   char text[NMB_VALUE_TEXT_ROOM];
   const Render render = guid_conversion_switch() && r.guid_switched ? Render::kHex : r.render;
   switch (render) {
@@ -181,7 +181,7 @@ StepScratch& step_scratch() {
   return scratch;
 }
 
-bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, nmb::ByteView values) {
+bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
   if (group.steps.empty()) {
     w.begin_object();
     for (const auto& member : group.members) {
@@ -210,7 +210,7 @@ bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, nmb::ByteView
   return true;
 }
 
-bool write_group(nmb::JsonWriter& w, const GroupPlan& group, nmb::ByteView values) {
+bool write_group(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
   if (group.name.empty()) return false;
   w.begin_object();
   w.escaped_key("\"granularity\"");

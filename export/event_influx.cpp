@@ -38,11 +38,11 @@ void influx_string(std::string& out, std::string_view text) {
   out.push_back('"');
 }
 
-void influx_members(std::string& out, const nmb_event_plan_t& plan, nmb::ByteView rec,
+void influx_members(std::string& out, const nmb_event_plan_t& plan, const nmb::ByteView& rec,
                     uint64_t base, std::string& prefix, bool& first);
 
-void influx_element(std::string& out, const nmb_field_plan_t& field, nmb::ByteView rec, uint64_t at,
-                    std::string& prefix, bool& first) {
+void influx_element(std::string& out, const nmb_field_plan_t& field, const nmb::ByteView& rec,
+                    uint64_t at, std::string& prefix, bool& first) {
   char text[40];
   int length = -1;
   switch (field.kind) {
@@ -100,7 +100,7 @@ void influx_element(std::string& out, const nmb_field_plan_t& field, nmb::ByteVi
   out.append(text, static_cast<size_t>(length));
 }
 
-void influx_members(std::string& out, const nmb_event_plan_t& plan, nmb::ByteView rec,
+void influx_members(std::string& out, const nmb_event_plan_t& plan, const nmb::ByteView& rec,
                     uint64_t base, std::string& prefix, bool& first) {
   for (const auto& field : plan.members) {
     size_t mark = prefix.size();

@@ -13,7 +13,7 @@ namespace {
 using Kind = nmb_value_kind_t;
 using Shape = nmb_value_shape_t;
 
-bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, nmb::ByteView rec,
+bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, const nmb::ByteView& rec,
                    uint64_t base);
 
 // "0x%016lx" as a string value (always valid UTF-8).
@@ -27,7 +27,7 @@ void write_guid(nmb::JsonWriter& w, uint64_t value) {
   w.raw_value(std::string_view(text, sizeof text));
 }
 
-bool write_element(nmb::JsonWriter& w, const nmb_field_plan_t& field, nmb::ByteView rec,
+bool write_element(nmb::JsonWriter& w, const nmb_field_plan_t& field, const nmb::ByteView& rec,
                    uint64_t at) {
   switch (field.kind) {
     case Kind::kU8:
@@ -62,7 +62,7 @@ bool write_element(nmb::JsonWriter& w, const nmb_field_plan_t& field, nmb::ByteV
   return false;
 }
 
-bool write_value(nmb::JsonWriter& w, const nmb_field_plan_t& field, nmb::ByteView rec,
+bool write_value(nmb::JsonWriter& w, const nmb_field_plan_t& field, const nmb::ByteView& rec,
                  uint64_t base) {
   const uint64_t at = base + field.offset;
   if (field.guid_like && nmb_event_guid_conversion_on()) {
@@ -90,8 +90,8 @@ bool write_value(nmb::JsonWriter& w, const nmb_field_plan_t& field, nmb::ByteVie
 }
 
 // Builds a value only to learn whether it can be built; the text is dropped.
-bool check_value(const nmb_field_plan_t& field, nmb::ByteView rec, uint64_t base, bool pretty,
-                 std::string& out) {
+bool check_value(const nmb_field_plan_t& field, const nmb::ByteView& rec, uint64_t base,
+                 bool pretty, std::string& out) {
   size_t mark = out.size();
   nmb::JsonWriter scratch(out, pretty);
   bool ok = write_value(scratch, field, rec, base);
@@ -99,7 +99,7 @@ bool check_value(const nmb_field_plan_t& field, nmb::ByteView rec, uint64_t base
   return ok;
 }
 
-bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, nmb::ByteView rec,
+bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, const nmb::ByteView& rec,
                    uint64_t base) {
   for (const auto& field : plan.members) {
     w.escaped_key(field.key);
