@@ -178,6 +178,24 @@ TEST_F(CountersE2E, GroupsOfOtherThanOneCounterSetSkipTheBlocks) {
   EXPECT_EQ(r.err, line + line);
 }
 
+// A decoded page is cut at the next counters magic, even one inside a value:
+// the counters after the cut read the rest of the page, not zeros; only past
+// the page's end do reads give zeros.
+TEST_F(CountersE2E, PiecesOfAPageReadTheRestOfThePage) {
+  CounterGroup g("g");
+  g.counter("a").counter("b").counter("c");
+  ByteVec page = counters_block(kT0, Bytes().text("NMBD").zeros(4).u64(2).u64(3).vec());
+  std::string path =
+      write(CountersSchema().group(g), {Chunk().page(PackedPage('G').content(page))});
+  RunResult r = run({"-f", "ndjson", path});
+  EXPECT_EQ(r.status, 0) << r.err;
+  const std::string groups = R"(,"groups":[{"granularity":"NODE","name":"g","counter_sets":[)";
+  EXPECT_EQ(r.out, R"({"timestamp":1700000000000000,"@timestamp":"2023-11-14 22:13:20.000")" +
+                       groups + R"({"a":1145195854,"b":2,"c":3}]}]})" + "\n" +
+                       R"({"timestamp":2,"@timestamp":"1970-01-01 00:00:00.000")" + groups +
+                       R"({"a":3,"b":0,"c":0}]}]})" + "\n");
+}
+
 TEST_F(CountersE2E, ZeroLengthStringCounter) {
   CounterGroup g("g");
   g.add(make_counter("a", "UINT64"))

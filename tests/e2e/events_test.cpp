@@ -137,27 +137,6 @@ TEST_F(EventsE2E, GuidConversionSwitch) {
   EXPECT_EQ(r.out.rfind("{\"node_guid\":\"0x", 0), 0u) << r.out;
 }
 
-TEST_F(EventsE2E, ArraysAndNestedTypes) {
-  EventType lane("lane");
-  lane.field("id", "uint8_t", 1).field("err", "int32_t", 4);
-  EventType port("port");
-  port.field("name", "char", 1, 16)
-      .field("raw", "uint8_t", 1, 4)
-      .field("lanes", "lane", 5, 2)
-      .field("main", "lane", 5)
-      .field("tag", "unsigned char", 1, 4);
-  SchemaId id = schema(EventSchema().type(lane).type(port));
-  ByteVec record =
-      Bytes().fixed("abc", 16).u8(1).u8(2).u8(3).u8(4).u8(0).i32(-1).u8(1).i32(5).u8(9).i32(0).text(
-          "wxyz");
-  RunResult r = run({"-f", "ndjson", write({id}, {Chunk().events(kT0, 0, 1, 1, record)})});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(
-      r.out.substr(0, r.out.find(",\"header_timestamp\"")),
-      "{\"name\":\"abc\",\"raw\":[1,2,3,4],\"lanes\":[{\"id\":0,\"err\":-1},{\"id\":1,\"err\":5}],"
-      "\"main\":{\"id\":9,\"err\":0},\"tag\":\"wxyz\"");
-}
-
 TEST_F(EventsE2E, IncludeAndExcludeSelectTypes) {
   EventType a("port_counters");
   a.field("v", "uint8_t", 1);

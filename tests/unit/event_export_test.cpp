@@ -15,6 +15,7 @@
 #include "export/text_sink.h"
 #include "export/value_format.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/run_binary.h"
 #include "utils/log.h"
 #include "utils/output.h"
 
@@ -102,25 +103,6 @@ class Exporter {
 std::string tail(bool micro = false) {
   return ",\"header_timestamp\":1700000000123456,\"@header_timestamp\":\"" +
          nmb_format_timestamp(kTime, micro) + "\"}\n";
-}
-
-TEST(EventExport, EveryBuiltInTypeInNdjson) {
-  Exporter e(EventSchema().type(nmb::test::every_builtin_type()));
-  ASSERT_TRUE(e.loaded());
-  Bytes r;
-  r.u8(1).i8(-2).i16(-3).i32(-4).i64(-5).i64(INT64_MIN).u8(255).u16(65535).u32(UINT32_MAX);
-  r.u64(UINT64_MAX).u64(9007199254740993ULL).f32(0.1f).f64(-0.0).i8(-128).i16(-32768);
-  r.i32(INT32_MIN).i64(-1).u8(7).u16(8).u32(9).u64(1ULL << 63).u64(1700000000000000);
-  EXPECT_EQ(e.run(0, 1, r), 16 + r.size());
-  EXPECT_EQ(
-      e.out(),
-      "{\"b\":1,\"c\":-2,\"s\":-3,\"i\":-4,\"l\":-5,\"ll\":-9.2233720368547758e+18,\"uc\":255,"
-      "\"us\":65535,\"ui\":4294967295,\"ul\":1.8446744073709552e+19,\"ull\":9007199254740992,"
-      "\"f\":0.10000000149011612,\"d\":-0,\"i8\":-128,\"i16\":-32768,\"i32\":-2147483648,"
-      "\"i64\":-1,\"u8\":7,\"u16\":8,\"u32\":9,\"u64\":9.2233720368547758e+18,"
-      "\"ts\":1700000000000000" +
-          tail());
-  EXPECT_EQ(e.records_written(), 1u);
 }
 
 TEST(EventExport, GuidRulesWithTheSwitchOn) {
@@ -255,6 +237,38 @@ TEST(EventExport, BlockWalkBoundsAndSelection) {
   EXPECT_EQ(excluded.run(0, 2, Bytes().u32(1).u32(2)), 24u) << "stepped over";
   EXPECT_EQ(excluded.out(), "");
   EXPECT_EQ(excluded.records_written(), 0u);
+}
+
+// Records are bounded only by the text they can expand to: a million small
+// values export; a type whose record could expand beyond the bound is
+// refused when a block uses it, by the formats that write record text.
+TEST(EventExport, LargeRecordsExportAndUnboundedOnesAreRefused) {
+  EventType lane("lane");
+  lane.field("v", "uint8_t", 1, 65535);
+  EventType port("port");
+  port.field("lanes", "lane", 65535, 16);
+  EventType wide("wide");
+  wide.field("lanes", "lane", 65535, 65535).record_size(8);
+  Exporter e(EventSchema().type(lane).type(port).type(wide));
+  ASSERT_TRUE(e.loaded());
+  ByteVec record(16 * 65535, 7);
+  testing::internal::CaptureStdout();  // the buffer writes out once it holds 1 MiB
+  EXPECT_EQ(e.run(1, 1, record), 16 + record.size()) << e.err();
+  const std::string flushed = testing::internal::GetCapturedStdout();
+  // {"lanes":[{"v":[7,7,...]},...], and the added members.
+  EXPECT_EQ(flushed.size() + e.out().size(),
+            std::string(R"({"lanes":[)").size() +
+                16 * (std::string(R"({"v":[]},)").size() + 2 * 65535 - 1) - 1 + 1 + tail().size());
+
+  EXPECT_EQ(e.run(2, 1, Bytes().u64(1)), 0u);
+  EXPECT_EQ(e.out(), "");
+  EXPECT_EQ(nmb::test::strip_log_timestamps(e.err()),
+            "[error] Type wide of schema test_provider cannot be exported: one record can expand "
+            "to more than 268435456 bytes of text\n"
+            "Failed processing file events.bin: Failed to JSONify event values\n"
+            "[error] Failed to print\n");
+  Exporter txt(EventSchema().type(lane).type(port).type(wide), NMB_FORMAT_TXT);
+  EXPECT_EQ(txt.run(2, 1, Bytes().u64(1)), 24u) << "no record text, no refusal";
 }
 
 TEST(EventExport, OtherFormats) {
