@@ -11,8 +11,8 @@ FOLDERS = ["app", "data", "counters", "export", "metrics", "filter", "utils"]
 # What each folder may include besides itself. Prefixes of unit paths.
 ALLOWED = {
     "utils": [],
-    "filter": ["utils/", "data/"],
-    "data": ["utils/", "counters/counters_schema"],
+    "filter": ["utils/", "data/", "counters/counters_schema"],
+    "data": ["utils/", "counters/counters_schema", "filter/"],
     "counters": ["utils/", "data/", "export/", "filter/"],
     "metrics": ["utils/", "data/bytes", "export/value_format", "export/record_output"],
     "export": ["utils/", "data/", "counters/", "metrics/", "filter/"],
