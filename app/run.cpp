@@ -16,6 +16,7 @@
 #include "export/influx_sink.h"
 #include "export/json_sink.h"
 #include "export/text_sink.h"
+#include "utils/env.h"
 #include "utils/log.h"
 #include "utils/output.h"
 
@@ -90,8 +91,14 @@ std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::Expor
       return std::make_unique<nmb::CsvSink>(settings, out);
     case NMB_FORMAT_INFLUX:
       return std::make_unique<nmb::InfluxSink>(settings, out);
-    case NMB_FORMAT_BIN:
-      return std::make_unique<nmb::BinSink>(settings, out);
+    case NMB_FORMAT_BIN: {
+      nmb::DataWriterConfig writer;
+      writer.output_dir = settings.output_dir;
+      const char* node_info = nmb_getenv("NMB_NODE_INFO");
+      writer.node_info = node_info != nullptr && nmb_env_is_true(node_info);
+      if (const char* root = nmb_getenv("NMB_INFINIBAND_ROOT")) writer.infiniband_root = root;
+      return std::make_unique<nmb::BinSink>(settings, out, std::move(writer));
+    }
     default:
       return std::make_unique<nmb::TextSink>(settings, out);
   }
@@ -116,6 +123,7 @@ nmb::ExportSettings nmb_export_settings_from(const nmb_read_options_t& options) 
   settings.microsecond_precision = options.microsecond_precision;
   settings.timestamp_gt = options.timestamp_gt;
   settings.timestamp_lt = options.timestamp_lt;
+  settings.output_dir = options.output_dir;
   settings.include = &options.include;
   settings.exclude = &options.exclude;
   return settings;

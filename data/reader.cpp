@@ -81,9 +81,9 @@ bool process_event_area(nmb_reader_context_t& reader, nmb::ByteView area) {
   return true;
 }
 
-// The size of the blocks a decoded page holds: a page of counters blocks is
-// cut at the next counters magic, any other page is one block.
-size_t decoded_page_block_length(nmb::ByteView page) {
+}  // namespace
+
+size_t nmb_decoded_page_block_length(nmb::ByteView page) {
   const size_t size = page.size();
   if (size > NMB_COUNTERS_BLOCK_HEADER_SIZE && classify_at(page, 0) == NMB_COUNTERS_BLOCK) {
     for (size_t offset = NMB_COUNTERS_BLOCK_HEADER_SIZE; offset < size; offset += 4) {
@@ -92,6 +92,8 @@ size_t decoded_page_block_length(nmb::ByteView page) {
   }
   return size;
 }
+
+namespace {
 
 // What went wrong in the last gzread: zlib's own message for corrupt or cut
 // compressed input, the system error text otherwise.
@@ -150,8 +152,7 @@ bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
   }
   // Fewer, larger reads of plain files; must precede the first read.
   gzbuffer(reader.file, 128 * 1024);
-  sink.file_opened(path);
-  return true;
+  return sink.file_opened(path);
 }
 
 bool nmb_read_header_only(const char* path, uint8_t (&header)[NMB_FILE_HEADER_SIZE]) {
@@ -297,7 +298,7 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
     if (reader.sink->takes_pages()) {
       if (!reader.sink->data_page(payload, whole)) return false;
     } else {
-      const size_t length = decoded_page_block_length(whole);
+      const size_t length = nmb_decoded_page_block_length(whole);
       // An empty decoded page (empty content, or a stream that decodes to
       // nothing) holds no block; a piece length of 0 would never advance.
       for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
@@ -378,6 +379,7 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
     nmb_reader_report(reader, "Invalid data file header");
     return false;
   }
+  sink.header_read(reader.header);
   const uint32_t block_size = nmb_header_block_size(reader.header);
   if (block_size < NMB_MIN_BLOCK_SIZE || block_size >= NMB_MAX_BLOCK_SIZE_BOUND) {
     nmb_reader_report(reader, "Block size %d must be in range between %zu and %d bytes ",

@@ -80,6 +80,9 @@ bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* id
 bool nmb_reader_process_chunks(nmb_reader_context_t& reader);
 // Walks the packed pages of one page chunk and dispatches their blocks.
 bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk);
+// The size of the blocks a decoded page holds: a page of counters blocks is
+// cut at the next counters magic, any other page is one block.
+size_t nmb_decoded_page_block_length(nmb::ByteView page);
 // Dispatches one block by its type.
 bool nmb_reader_process_block(nmb_reader_context_t& reader, nmb::ByteView block,
                               bool in_compressed_block);

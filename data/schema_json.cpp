@@ -1,13 +1,12 @@
 #include "data/schema_json.h"
 
-#include <openssl/evp.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "counters/counters_schema_json.h"
 #include "utils/json_writer.h"
 #include "utils/log.h"
+#include "utils/md5.h"
 
 namespace {
 
@@ -418,11 +417,6 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json_string(std::string_
     return nullptr;
   }
   return nmb_type_system_from_json(*json);
-}
-
-bool nmb_md5(const void* data, size_t length, uint8_t (&digest)[16]) {
-  unsigned int size = 0;
-  return EVP_Digest(data, length, digest, &size, EVP_md5(), nullptr) == 1 && size == 16;
 }
 
 bool nmb_schema_fill_md5(nmb_schema_t& schema) {

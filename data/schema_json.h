@@ -38,9 +38,6 @@ bool nmb_type_system_to_json_text(const nmb_type_system_t& ts, std::string& out)
 std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json(const nmb::Json& json);
 std::unique_ptr<nmb_type_system_t> nmb_type_system_from_json_string(std::string_view text);
 
-// MD5 of the bytes; false when the digest cannot be computed.
-bool nmb_md5(const void* data, size_t length, uint8_t (&digest)[16]);
-
 // Loads one event schema file into the next slot and resolves its field
 // types; nullptr on failure (then *out_loaded is 0) or when the filter wanted
 // nothing of it (*out_loaded 1).

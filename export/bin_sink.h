@@ -1,24 +1,40 @@
-// -f bin: decoded packed pages are re-packed into data files under the output
-// folder (passed over until the data file writer exists); blocks of plain
-// chunks print as under -f txt, except event records, which no binary output
-// takes.
+// -f bin: every decoded packed page is re-packed into data files under the
+// output folder by the data file writer; blocks of plain chunks print as
+// under -f txt, except event records, which no binary output takes, and
+// metrics blocks, which are refused.
 #pragma once
 
+#include <memory>
+#include <span>
+#include <string>
+
+#include "data/data_page.h"
+#include "data/data_writer.h"
 #include "export/text_sink.h"
+#include "utils/hca_info.h"
 
 namespace nmb {
 
 class BinSink : public TextSink {
  public:
-  BinSink(const ExportSettings& settings, OutputBuffer& buffer) : TextSink(settings, buffer) {}
+  BinSink(const ExportSettings& settings, OutputBuffer& buffer, DataWriterConfig writer_config);
 
-  bool write_event(const nmb_event_plan_t& /*plan*/, ByteView /*record*/,
-                   const nmb_header_timestamp_t& /*ts*/) override {
-    output().report("Unknown output format %d", 5);
-    return false;
-  }
+  bool file_opened(const char* path) override;
+  void header_read(const uint8_t* header) override;
+  void end_data(bool ok) override;
+
+  bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                   const nmb_header_timestamp_t& ts) override;
   bool takes_pages() const override { return true; }
-  bool data_page(std::span<const uint8_t> /*payload*/, ByteView /*page*/) override { return true; }
+  bool data_page(std::span<const uint8_t> payload, ByteView page) override;
+
+ private:
+  DataWriterConfig writer_config_;
+  nmb_client_id_t client_id_{};
+  std::unique_ptr<DataWriter> writer_;  // one per file
+  DataPage page_;                       // reused while the page size repeats
+  uint8_t counters_schema_id_[NMB_SCHEMA_ID_SIZE] = {};
+  uint32_t file_block_size_ = 0;
 };
 
 }  // namespace nmb

@@ -16,6 +16,7 @@ struct ExportSettings {
   bool microsecond_precision = false;
   uint64_t timestamp_gt = 0;
   uint64_t timestamp_lt = UINT64_MAX;
+  std::string output_dir = "output";  // -o, for -f bin
   // Event type selection (-i/-e); borrowed, empty when not set.
   const nmb_string_array_t* include = nullptr;
   const nmb_string_array_t* exclude = nullptr;

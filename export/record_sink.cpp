@@ -15,9 +15,10 @@ RecordSink::RecordSink(const ExportSettings& settings, OutputBuffer& buffer, boo
 
 RecordSink::~RecordSink() = default;
 
-void RecordSink::file_opened(const char* path) {
+bool RecordSink::file_opened(const char* path) {
   output_.start_file(path);
   schemas_loaded(nullptr);
+  return true;
 }
 
 void RecordSink::schemas_loaded(const nmb_type_system_t* ts) {

@@ -33,7 +33,7 @@ class RecordSink : public BlockSink,
   RecordSink(const ExportSettings& settings, OutputBuffer& buffer, bool json_separators);
   ~RecordSink() override;
 
-  void file_opened(const char* path) override;
+  bool file_opened(const char* path) override;
   void schemas_loaded(const nmb_type_system_t* ts) override;
   bool counters_block(ByteView block) override;
   size_t events_block(ByteView area) override;

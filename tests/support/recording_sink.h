@@ -20,7 +20,10 @@ class RecordingSink : public nmb::BlockSink {
   std::vector<Block> blocks;
   std::string path;
 
-  void file_opened(const char* p) override { path = p; }
+  bool file_opened(const char* p) override {
+    path = p;
+    return true;
+  }
   void schemas_loaded(const nmb_type_system_t* /*ts*/) override {}
   bool counters_block(nmb::ByteView b) override { return add('c', b); }
   size_t events_block(nmb::ByteView b) override {

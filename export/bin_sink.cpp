@@ -1,0 +1,96 @@
+#include "export/bin_sink.h"
+
+#include <cstring>
+#include <exception>
+
+#include "data/packed_page.h"
+#include "data/reader.h"
+#include "utils/log.h"
+
+namespace nmb {
+
+BinSink::BinSink(const ExportSettings& settings, OutputBuffer& buffer,
+                 DataWriterConfig writer_config)
+    : TextSink(settings, buffer), writer_config_(std::move(writer_config)) {}
+
+bool BinSink::file_opened(const char* path) {
+  writer_.reset();
+  if (!nmb_client_id_create(client_id_)) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to allocate client ID");
+    return false;
+  }
+  DataWriterConfig config = writer_config_;
+  config.node = client_id_.host_name;
+  config.port = client_id_.port;
+  writer_ = std::make_unique<DataWriter>(std::move(config));
+  std::memset(counters_schema_id_, 0, sizeof counters_schema_id_);
+  return TextSink::file_opened(path);
+}
+
+void BinSink::header_read(const uint8_t* header) {
+  // Pages carry no schema ids of their own: the files written from them name
+  // the schemas of the file they come from.
+  std::memcpy(counters_schema_id_, header + NMB_FH_COUNTERS_SCHEMA_ID, NMB_SCHEMA_ID_SIZE);
+  file_block_size_ = nmb_header_block_size(header);
+  if (writer_) {
+    writer_->set_initial_schema_ids(header + NMB_FH_COUNTERS_SCHEMA_ID,
+                                    header + NMB_FH_EVENT_SCHEMA_IDS);
+  }
+}
+
+void BinSink::end_data(bool ok) {
+  TextSink::end_data(ok);
+  writer_.reset();  // finishes the headers of the files written
+}
+
+bool BinSink::write_event(const nmb_event_plan_t& /*plan*/, ByteView /*record*/,
+                          const nmb_header_timestamp_t& /*ts*/) {
+  output().report("Unknown output format %d", 5);
+  return false;
+}
+
+bool BinSink::data_page(std::span<const uint8_t> payload, ByteView page) {
+  if (!writer_) return true;
+  const size_t size = page.size() + NMB_DATA_PAGE_HEADER_SIZE;
+  page_.reset(size);
+  if (page_.free_space() < page.size()) {
+    NMB_LOG(
+        NMB_LOG_ERROR, "Invalid allocated data page size %lu is smaller than available space %lu",
+        static_cast<unsigned long>(page_.free_space()), static_cast<unsigned long>(page.size()));
+    return false;
+  }
+  std::memcpy(page_.data() + NMB_DATA_PAGE_HEADER_SIZE, page.data(), page.size());
+  page_.set_version(NMB_FILE_VERSION_MAJOR, NMB_FILE_VERSION_MINOR);
+  page_.set_filled(size);
+  // Chunks that read back as the page's blocks: one counters block a chunk,
+  // and other pages in chunks of the file's block size when they fit one
+  // (the usual case, so that pages of one source share a file), else whole.
+  const size_t pieces = nmb_decoded_page_block_length(page);
+  if (pieces < page.size()) {
+    page_.set_block_size(static_cast<uint32_t>(pieces));
+  } else if (page.size() <= file_block_size_) {
+    page_.set_block_size(file_block_size_);
+  }
+  // The packed page's identity and time span.
+  nmb_page_identity_t identity;
+  const size_t header_size = payload.empty() ? 0 : std::min<size_t>(payload[0], payload.size());
+  nmb_nmbp_header_copy_identity(payload.data(), header_size, identity);
+  uint64_t first = 0, last = 0;
+  if (payload.size() >= NMB_NMBP_FIXED_SIZE) {
+    first = nmb_load_u64(payload.data() + NMB_NMBP_FIRST_TIMESTAMP_OFFSET);
+    last = nmb_load_u64(payload.data() + NMB_NMBP_LAST_TIMESTAMP_OFFSET);
+  }
+  page_.set_times(first, last);
+  page_.set_source(identity.source_id, sizeof identity.source_id, identity.source_tag,
+                   sizeof identity.source_tag);
+  page_.set_counters_schema_id(counters_schema_id_);
+  try {
+    writer_->save_page(page_, type_system());
+  } catch (const std::exception& e) {
+    NMB_LOG(NMB_LOG_ERROR, "[data_writer] %s", e.what());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace nmb
