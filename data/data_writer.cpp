@@ -223,7 +223,12 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
   open_for_timestamp(state, first, last, opened);
   state.last_timestamp = last;
   size_t appended = 0;
-  if (!state.path.empty()) {
+  if (state.path.empty()) {
+    // Nothing is lost silently: a page with no file to go to is named.
+    NMB_LOG(NMB_LOG_WARNING,
+            "[data_writer] Page of source '%s' tag '%s' from %lu was not written: no output file",
+            state.source_id.c_str(), state.source_tag.c_str(), static_cast<unsigned long>(first));
+  } else {
     const uint64_t length = chunks * block_size;
     if (length <= data_room) {
       appended = append(state, data, static_cast<size_t>(length));
