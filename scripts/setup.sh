@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev zlib1g-dev libsnappy-dev libssl-dev
-          libboost-dev nlohmann-json3-dev libgtest-dev pkg-config)
+          libboost-dev libdeflate-dev nlohmann-json3-dev libgtest-dev pkg-config)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
