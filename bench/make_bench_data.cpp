@@ -1,5 +1,6 @@
 // Writes the benchmark data set: counters files whose blocks hold 10 and 5,000
-// counters (the same number of counter values in all), and an events file.
+// counters (the same number of counter values in all), the 5,000-counter
+// blocks again in gzip and snappy pages, and an events file.
 //
 //   make_bench_data <folder> [scale]
 //
@@ -32,6 +33,31 @@ void write_counters_file(const std::string& folder, const std::string& name, int
     Bytes values;
     for (int i = 0; i < counters; ++i) values.u64(static_cast<uint64_t>(b) * 1000003u + i);
     file.chunk(Chunk().counters(kStart + b * 1000000ull, values));
+  }
+  file.write(folder + "/" + name + ".bin");
+}
+
+// The 5,000-counter blocks again, 16 to a packed page of the given encoding,
+// one page a chunk.
+void write_counters_pages_file(const std::string& folder, const std::string& name, char encoding,
+                               int blocks) {
+  CounterGroup group("bench_group");
+  for (int i = 0; i < 5000; ++i) group.counter("port_xmit_data_" + std::to_string(i));
+  CountersSchema schema;
+  schema.group(group);
+  SchemaId id = write_schema_file(folder + "/schema", schema);
+  DataFile file;
+  file.block_size(1u << 20).counters_schema(id).times(kStart, kStart + blocks * 1000000ull);
+  for (int b = 0; b < blocks; b += 16) {
+    ByteVec content;
+    for (int k = b; k < b + 16 && k < blocks; ++k) {
+      Bytes values;
+      for (int i = 0; i < 5000; ++i) values.u64(static_cast<uint64_t>(k) * 1000003u + i);
+      ByteVec block = counters_block(kStart + k * 1000000ull, values.vec());
+      content.insert(content.end(), block.begin(), block.end());
+    }
+    file.chunk(Chunk().page(PackedPage(encoding).content(content).times(
+        kStart + b * 1000000ull, kStart + (b + 15) * 1000000ull)));
   }
   file.write(folder + "/" + name + ".bin");
 }
@@ -93,6 +119,8 @@ int main(int argc, char** argv) {
   // Two million counter values in each counters file per unit of scale.
   write_counters_file(folder, "counters_10", 10, 200000 * scale);
   write_counters_file(folder, "counters_5000", 5000, 400 * scale);
+  write_counters_pages_file(folder, "counters_5000_gzip", 'G', 400 * scale);
+  write_counters_pages_file(folder, "counters_5000_snappy", 'S', 400 * scale);
   write_events_file(folder, 400 * scale);
   return 0;
 }

@@ -24,6 +24,9 @@ for format in ndjson json txt; do
   measure "counters_10   $format (2M values per scale unit)" -f $format "$data/counters_10.bin"
   measure "counters_5000 $format (2M values per scale unit)" -f $format "$data/counters_5000.bin"
 done
+for encoding in gzip snappy; do
+  measure "counters_5000 ndjson, $encoding pages" -f ndjson "$data/counters_5000_$encoding.bin"
+done
 for format in ndjson json; do
   measure "events        $format (306k records per scale unit)" -f $format "$data/events.bin"
 done

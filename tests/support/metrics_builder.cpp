@@ -1,6 +1,7 @@
 #include "tests/support/metrics_builder.h"
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 namespace nmb::test {
@@ -13,7 +14,9 @@ constexpr size_t kBatchHeaderSize = 14;  // length, timestamp, type, reserved, n
 constexpr size_t kLengthFieldSize = 4;   // "CNTX" is followed by total_size
 
 void put_text(ByteVec& out, std::string_view text) {
-  out.insert(out.end(), text.begin(), text.end());
+  const size_t at = out.size();
+  out.resize(at + text.size());
+  if (!text.empty()) std::memcpy(out.data() + at, text.data(), text.size());
 }
 
 void put_counted(ByteVec& out, std::string_view text) {
@@ -54,8 +57,11 @@ LabelsBlock& LabelsBlock::cut(size_t size) {
 }
 
 ByteVec LabelsBlock::bytes() const {
-  ByteVec out{label_set_, count_.value_or(values_), encoding_};
-  out.insert(out.end(), body_.begin(), body_.end());
+  ByteVec out(3 + body_.size());
+  out[0] = label_set_;
+  out[1] = count_.value_or(values_);
+  out[2] = encoding_;
+  if (!body_.empty()) std::memcpy(out.data() + 3, body_.data(), body_.size());
   if (cut_ && *cut_ < out.size()) out.resize(*cut_);
   return out;
 }
