@@ -13,6 +13,8 @@ namespace {
 using Kind = nmb_value_kind_t;
 using Shape = nmb_value_shape_t;
 
+constexpr int64_t kExact = int64_t{1} << 53;
+
 bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, const nmb::ByteView& rec,
                    uint64_t base);
 
@@ -31,21 +33,40 @@ bool write_element(nmb::JsonWriter& w, const nmb_field_plan_t& field, const nmb:
                    uint64_t at) {
   switch (field.kind) {
     case Kind::kU8:
-      return w.number(rec.get<uint8_t>(at));
+      w.integer(rec.get<uint8_t>(at));
+      return true;
     case Kind::kI8:
-      return w.number(rec.get<int8_t>(at));
+      w.integer(rec.get<int8_t>(at));
+      return true;
     case Kind::kI16:
-      return w.number(rec.get<int16_t>(at));
+      w.integer(rec.get<int16_t>(at));
+      return true;
     case Kind::kI32:
-      return w.number(rec.get<int32_t>(at));
-    case Kind::kI64:
-      return w.number(static_cast<double>(rec.get<int64_t>(at)));
+      w.integer(rec.get<int32_t>(at));
+      return true;
+    case Kind::kI64: {
+      // Exact in a double below 2^53: the same digits either way.
+      const int64_t v = rec.get<int64_t>(at);
+      if (v > -kExact && v < kExact) {
+        w.integer(v);
+        return true;
+      }
+      return w.number(static_cast<double>(v));
+    }
     case Kind::kU16:
-      return w.number(rec.get<uint16_t>(at));
+      w.integer(rec.get<uint16_t>(at));
+      return true;
     case Kind::kU32:
-      return w.number(rec.get<uint32_t>(at));
-    case Kind::kU64:
-      return w.number(static_cast<double>(rec.get<uint64_t>(at)));
+      w.integer(rec.get<uint32_t>(at));
+      return true;
+    case Kind::kU64: {
+      const uint64_t v = rec.get<uint64_t>(at);
+      if (v < static_cast<uint64_t>(kExact)) {
+        w.integer(static_cast<int64_t>(v));
+        return true;
+      }
+      return w.number(static_cast<double>(v));
+    }
     case Kind::kF32:
       return w.number(rec.get<float>(at));
     case Kind::kF64:

@@ -8,6 +8,7 @@
 // escaped with the short forms or \u00xx.
 #pragma once
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -28,6 +29,13 @@ std::string json_escape_key(std::string_view key);
 
 // Appends a number; false (nothing written) for NaN and infinities.
 bool json_append_number(std::string& out, double value);
+
+// Appends the decimal digits of an integer.
+inline void json_append_integer(std::string& out, int64_t value) {
+  char buffer[24];
+  char* end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  out.append(buffer, static_cast<size_t>(end - buffer));
+}
 
 // Appends a quoted string value (up to its first zero byte); false (nothing
 // written) when the bytes are not valid UTF-8.
@@ -71,6 +79,12 @@ class JsonWriter {
   bool number(double value) {
     separate();
     return json_append_number(out_, value);
+  }
+  // An integer (the same text as number() gives for it, without the double
+  // round trip).
+  void integer(int64_t value) {
+    separate();
+    json_append_integer(out_, value);
   }
   bool string(std::string_view text) {
     separate();
