@@ -23,11 +23,13 @@ class BlockSink {
   virtual void begin_run() {}
   virtual void end_run(bool /*completed*/) {}
 
-  // One file: opened (its path names it in reports), its schemas loaded
-  // (again after every schemas block; nullptr while none are), then its
-  // chunks walked between begin_data and end_data. `first` is true for the
-  // run's first file; `ok` is false when the chunks failed.
+  // One file: opened (its path names it in reports), its header read once
+  // it has passed the check, its schemas loaded (again after every schemas
+  // block; nullptr while none are), then its chunks walked between
+  // begin_data and end_data. `first` is true for the run's first file; `ok`
+  // is false when the chunks failed.
   virtual void file_opened(const char* path) = 0;
+  virtual void header_read(const uint8_t* /*header*/) {}
   virtual void schemas_loaded(const nmb_type_system_t* ts) = 0;
   virtual void begin_data(const char* /*path*/, bool /*first*/) {}
   virtual void end_data(bool /*ok*/) {}

@@ -378,6 +378,7 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
     nmb_reader_report(reader, "Invalid data file header");
     return false;
   }
+  sink.header_read(reader.header);
   const uint32_t block_size = nmb_header_block_size(reader.header);
   if (block_size < NMB_MIN_BLOCK_SIZE || block_size >= NMB_MAX_BLOCK_SIZE_BOUND) {
     nmb_reader_report(reader, "Block size %d must be in range between %zu and %d bytes ",
