@@ -61,6 +61,7 @@ nmb_field_plan_t plan_field(const nmb_type_field_definition_t& field, const Plan
   plan.offset = field.offset;
   plan.stride = field.type_size;
   plan.count = field.array_length;
+  plan.index = field.index;
   const nmb_type_definition_t* type = field.type;
   if (type == nullptr || type->type_code == NMB_TYPE_USER) {
     plan.kind = Kind::kNested;
@@ -90,10 +91,6 @@ bool field_can_fail(const nmb_field_plan_t& field) {
 void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
                   const PlanIndex& plans) {
   plan.type = &type;
-  for (char c : type.name) {
-    if (c == ',' || c == ' ' || c == '\\') plan.influx_measurement.push_back('\\');
-    plan.influx_measurement.push_back(c);
-  }
   std::vector<nmb_field_plan_t> replaced;
   // Member position by name: a type may hold a great many fields, and a
   // search per field would make compiling quadratic.

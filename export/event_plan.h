@@ -52,6 +52,7 @@ struct nmb_field_plan_t {
   // A GUID-like name: with the conversion switch on, 8 bytes at the offset as
   // "0x%016lx" whatever the shape and kind.
   bool guid_like = false;
+  uint16_t index = 0;  // the field's position in the type's key (0: not a key field)
   const nmb_event_plan_t* nested = nullptr;
 };
 
@@ -75,7 +76,6 @@ struct nmb_event_plan_t {
   // or one whose record would expand beyond the text bound); empty when they
   // can. Logged when a block uses the type.
   std::string refusal;
-  std::string influx_measurement;
 };
 
 // The plans of one type system, found by schema and type index.

@@ -1,8 +1,47 @@
 #include "export/influx_sink.h"
 
-#include "export/event_influx.h"
+#include <cinttypes>
+#include <string_view>
+
+#include "data/format.h"
+#include "data/type_system.h"
+#include "utils/log.h"
 
 namespace nmb {
+
+namespace {
+// A NUL-padded text field of the file header.
+std::string_view header_text(const uint8_t* header, size_t offset, size_t size) {
+  std::string_view text(reinterpret_cast<const char*>(header + offset), size);
+  return text.substr(0, text.find('\0'));
+}
+}  // namespace
+
+bool InfluxSink::file_opened(const char* path) {
+  serializer_.set_source({}, {});
+  records_without_field_ = 0;
+  first_type_without_field_.clear();
+  return RecordSink::file_opened(path);
+}
+
+void InfluxSink::header_read(const uint8_t* header) {
+  serializer_.set_source(header_text(header, NMB_FH_SOURCE_ID, NMB_FH_SOURCE_ID_SIZE),
+                         header_text(header, NMB_FH_SOURCE_TAG, NMB_FH_SOURCE_TAG_SIZE));
+}
+
+void InfluxSink::schemas_loaded(const nmb_type_system_t* ts) {
+  serializer_.clear_types();  // the plans it refers to go now
+  RecordSink::schemas_loaded(ts);
+}
+
+void InfluxSink::end_data(bool /*ok*/) {
+  if (records_without_field_ == 0) return;
+  NMB_LOG(NMB_LOG_WARNING,
+          "%" PRIu64
+          " event records of %s were not written as Influx lines: no field value "
+          "left (the first of type %s)",
+          records_without_field_, output().path(), first_type_without_field_.c_str());
+}
 
 bool InfluxSink::write_counters(ByteView /*block*/) {
   output().report("Influx line API output is not yet supported for counters data");
@@ -12,10 +51,13 @@ bool InfluxSink::write_counters(ByteView /*block*/) {
 bool InfluxSink::write_event(const nmb_event_plan_t& plan, ByteView record,
                              const nmb_header_timestamp_t& ts) {
   nmb_event_guid_conversion_on();  // read on the first record built
-  if (refuse_unsafe_plan(plan) ||
-      !nmb_event_record_to_influx(output().text(), plan, record, ts.value, key_prefix_)) {
+  if (refuse_unsafe_plan(plan)) {
     output().report("Failed to serialize event data to Influx line API format");
     return false;
+  }
+  if (!serializer_.serialize(plan, record, ts.value, output().text())) {
+    // Only tags, or floats that are not finite: a line needs a field.
+    if (records_without_field_++ == 0) first_type_without_field_ = plan.type->name;
   }
   output().count_record();
   return true;

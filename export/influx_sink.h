@@ -1,9 +1,12 @@
-// -f influx: event records as Influx lines; counters blocks are reported as
-// not supported.
+// -f influx: event records as Influx lines through the Influx serializer;
+// counters and metrics blocks are reported as not supported. Records that
+// leave no field are not written, and are counted and logged once per file.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
+#include "export/influx_serializer.h"
 #include "export/record_sink.h"
 
 namespace nmb {
@@ -12,6 +15,11 @@ class InfluxSink : public RecordSink {
  public:
   InfluxSink(const ExportSettings& settings, OutputBuffer& buffer)
       : RecordSink(settings, buffer, false) {}
+
+  bool file_opened(const char* path) override;
+  void header_read(const uint8_t* header) override;
+  void schemas_loaded(const nmb_type_system_t* ts) override;
+  void end_data(bool ok) override;
 
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
@@ -22,7 +30,9 @@ class InfluxSink : public RecordSink {
   }
 
  private:
-  std::string key_prefix_;  // reused for every record
+  data::InfluxSerializer serializer_;
+  uint64_t records_without_field_ = 0;  // in the current file
+  std::string first_type_without_field_;
 };
 
 }  // namespace nmb

@@ -516,6 +516,11 @@ EventType& EventType::record_size(uint64_t record_size) {
   return *this;
 }
 
+EventType& EventType::index(uint16_t position) {
+  fields.back().index = position;
+  return *this;
+}
+
 EventSchema& EventSchema::type(EventType type) {
   types.push_back(std::move(type));
   return *this;

@@ -287,6 +287,8 @@ struct EventType {
   // Appends a field exactly as described (size is not changed).
   EventType& add(EventField field);
   EventType& record_size(uint64_t record_size);
+  // Makes the last field added a key field ("index": its position in the key).
+  EventType& index(uint16_t position);
 };
 
 // A type "all" with one field of each of the 22 built-in types, in table order,

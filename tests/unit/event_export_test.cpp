@@ -280,8 +280,8 @@ TEST(EventExport, OtherFormats) {
   Exporter influx(EventSchema().type(t), NMB_FORMAT_INFLUX);
   influx.run(0, 1, r);
   EXPECT_EQ(influx.out(),
-            "cpu\\ load cpu=3i,load=0.5,name=\"a b\",big=18446744073709551615u,pair_0=-1i,"
-            "pair_1=2i 1700000000123456000\n");
+            "cpu_counters,event_type=cpu\\ load,name=a\\ b,seq=0 cpu=3i,load=0.5,big=-1i,"
+            "pair_0=-1i,pair_1=2i 1700000000123456000\n");
 
   Exporter csv(EventSchema().type(t), NMB_FORMAT_CSV);
   EXPECT_EQ(csv.run(0, 1, r), 16 + r.size());

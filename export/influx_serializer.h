@@ -1,0 +1,51 @@
+// Event records as Influx lines that InfluxDB 1.x stores one point each (the
+// mapping is described in docs/INFLUX.md):
+//   <measurement>,<tags sorted by key>,seq=<n> <fields> <header time in ns>
+// Tags are the file's source id and source tag, the type name, the type's
+// key (index) fields and char-array fields; fields are every other value.
+// Everything a record needs that does not depend on its bytes (measurement,
+// escaped keys, which member is a tag) is compiled per type on its first
+// record; a record is then one pass with no allocation.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "export/serializer.h"
+
+namespace nmb::data {
+
+class InfluxSerializer : public Serializer {
+ public:
+  InfluxSerializer();
+  ~InfluxSerializer() override;
+
+  // The file header's source id and source tag (empty ones are left out).
+  void set_source(std::string_view source_id, std::string_view source_tag);
+  // The type system changed: the compiled types go, and so do the sequence
+  // counts.
+  void clear_types();
+
+  bool serialize(const nmb_event_plan_t& plan, ByteView record, uint64_t header_timestamp,
+                 std::string& out) override;
+
+  struct Members;
+  struct TypeLines;
+
+ private:
+  const Members& members_of(const nmb_event_plan_t& plan);
+  TypeLines& lines_of(const nmb_event_plan_t& plan);
+
+  std::string source_id_;   // escaped
+  std::string source_tag_;  // escaped
+  std::unordered_map<const nmb_event_plan_t*, std::unique_ptr<Members>> members_;
+  std::unordered_map<const nmb_event_plan_t*, std::unique_ptr<TypeLines>> types_;
+  const nmb_event_plan_t* last_plan_ = nullptr;  // the type of the previous record
+  TypeLines* last_lines_ = nullptr;
+  std::string prefix_;  // the key path of nested values, reused
+};
+
+}  // namespace nmb::data
