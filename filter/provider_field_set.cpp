@@ -30,7 +30,8 @@ std::unique_ptr<nmb_provider_field_set_t> nmb_provider_field_set_create_from_fil
     NMB_LOG(NMB_LOG_ERROR, "[%s] missing fset_filename parameter", kName);
     return nullptr;
   }
-  auto provider = std::make_unique<nmb_provider_field_set_t>(nmb::FieldSet(fset_filename));
+  auto provider = std::make_unique<nmb_provider_field_set_t>(
+      nmb_provider_field_set_t{nmb::FieldSet(fset_filename)});
   if (!provider->set.load()) {
     NMB_LOG(NMB_LOG_ERROR, "[%s] failed to initialize FieldSet from '%s'", kName, fset_filename);
     return nullptr;
@@ -41,7 +42,8 @@ std::unique_ptr<nmb_provider_field_set_t> nmb_provider_field_set_create_from_fil
 std::unique_ptr<nmb_provider_field_set_t> nmb_provider_field_set_create_from_text(
     const char* fset_filename, std::string_view text) {
   if (fset_filename == nullptr) return nullptr;
-  auto provider = std::make_unique<nmb_provider_field_set_t>(nmb::FieldSet(fset_filename));
+  auto provider = std::make_unique<nmb_provider_field_set_t>(
+      nmb_provider_field_set_t{nmb::FieldSet(fset_filename)});
   provider->set.loadText(text);
   return provider;
 }
