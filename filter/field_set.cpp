@@ -29,30 +29,37 @@ std::string without_anchors(std::string_view pattern) {
 
 // The lines between two section headers form a block; a type name is given
 // the blocks of the headers that name it, so that a header naming many types
-// costs its length once and not once per following line.
+// costs its length once and not once per following line. A block is made
+// when the first line applies to it: a header followed by no line costs only
+// its names.
 struct FieldSet::Rules {
   struct Block {
     std::vector<FieldSetToken> tokens;
     MetaMap aliases;
     MetaMap constants;
-    bool touched = false;  // some line other than a header applied to it
   };
-  std::vector<Block> blocks{1};  // block 0: the lines before any header
-  std::map<std::string, std::vector<size_t>> blocks_by_type{{kDefaultType, {0}}};
+  std::vector<Block> blocks;
+  // The entries of tokens_by_type_: the types some line applied to.
+  std::map<std::string, std::vector<size_t>, std::less<>> blocks_by_type;
   std::vector<std::string> sections;
   // The first position in `sections` of each name, and of the text before
-  // the "*" of each prefix section, with the lengths of those texts.
-  std::unordered_map<std::string, size_t> first_exact;
-  std::unordered_map<std::string, size_t> first_prefix;
+  // the "*" of each prefix section, with the lengths of those texts. The
+  // keys view the names in `sections`, which never change once indexed.
+  std::unordered_map<std::string_view, size_t> first_exact;
+  std::unordered_map<std::string_view, size_t> first_prefix;
   std::set<size_t> prefix_lengths;
+  bool default_has_entry = false;
 
-  bool hasEntry(const std::string& type) const {
-    auto found = blocks_by_type.find(type);
-    if (found == blocks_by_type.end()) return false;
-    return std::any_of(found->second.begin(), found->second.end(),
-                       [this](size_t block) { return blocks[block].touched; });
-  }
-  void appendTokens(const std::string& type, TokenList& out) const {
+  // While reading: the names of the last header (views of the text read),
+  // and whether a block was made for them.
+  std::vector<std::string_view> current{kDefaultType};
+  bool current_has_block = false;
+
+  Rules() = default;
+  Rules(const Rules&) = delete;
+  Rules& operator=(const Rules&) = delete;
+
+  void appendTokens(std::string_view type, TokenList& out) const {
     auto found = blocks_by_type.find(type);
     if (found == blocks_by_type.end()) return;
     for (size_t block : found->second) {
@@ -60,43 +67,57 @@ struct FieldSet::Rules {
     }
   }
   // The meta map of one type: its blocks' entries, a later one replacing.
-  MetaMap metaOf(const std::string& type, MetaMap Block::*member) const {
+  MetaMap metaOf(const std::vector<size_t>& type_blocks, MetaMap Block::*member) const {
     MetaMap merged;
-    for (size_t block : blocks_by_type.at(type)) {
+    for (size_t block : type_blocks) {
       for (const auto& [key, value] : blocks[block].*member) merged[key] = value;
     }
     return merged;
   }
 
-  void parseLine(const std::string& line);
+  void parseLine(std::string_view line);
   void startSection(std::string_view names);
+  Block& currentBlock();
   void indexSections();
 };
 
 void FieldSet::Rules::startSection(std::string_view names) {
-  const size_t block = blocks.size();
-  blocks.emplace_back();
+  current.clear();
+  current_has_block = false;
   // Names are taken as they stand between the commas, blanks included.
   size_t start = 0;
   for (;;) {
     const size_t comma = std::min(names.find(',', start), names.size());
-    std::string name(names.substr(start, comma - start));
-    blocks_by_type[name].push_back(block);
-    sections.push_back(std::move(name));
+    current.push_back(names.substr(start, comma - start));
+    sections.emplace_back(current.back());
     if (comma == names.size()) break;
     start = comma + 1;
   }
 }
 
-void FieldSet::Rules::parseLine(const std::string& line) {
+FieldSet::Rules::Block& FieldSet::Rules::currentBlock() {
+  if (!current_has_block) {
+    const size_t block = blocks.size();
+    blocks.emplace_back();
+    for (std::string_view name : current) {
+      // A type named twice in one header takes its lines once.
+      std::vector<size_t>& type_blocks = blocks_by_type[std::string(name)];
+      if (type_blocks.empty() || type_blocks.back() != block) type_blocks.push_back(block);
+    }
+    current_has_block = true;
+  }
+  return blocks.back();
+}
+
+void FieldSet::Rules::parseLine(std::string_view line) {
   if (line.front() == '[' && line.find(']') == line.size() - 1) {
-    startSection(nmb_set_file_trim(std::string_view(line).substr(1, line.size() - 2)));
+    startSection(nmb_set_file_trim(line.substr(1, line.size() - 2)));
     return;
   }
-  Block& block = blocks.back();
-  block.touched = true;
+  Block& block = currentBlock();
+  const std::string text(line);
   const bool meta = nmb_set_file_read_meta_field_line(
-      line, [&block](bool alias, const std::string& key, const std::string& value) {
+      text, [&block](bool alias, const std::string& key, const std::string& value) {
         (alias ? block.aliases : block.constants)[key] = value;
       });
   if (meta) return;
@@ -104,23 +125,26 @@ void FieldSet::Rules::parseLine(const std::string& line) {
   // and the field it names is shown under the caption.
   const size_t equal = line.find('=');
   std::string_view pattern = line;
-  if (equal != std::string::npos) {
+  if (equal != std::string_view::npos) {
     pattern = pattern.substr(equal + 1);
-    block.aliases[without_anchors(pattern)] = line.substr(0, equal);
+    block.aliases[without_anchors(pattern)] = std::string(line.substr(0, equal));
   }
   block.tokens.push_back(FieldSetToken{std::string(pattern), nmb_filter_split_terms(pattern)});
 }
 
 void FieldSet::Rules::indexSections() {
+  current.clear();  // views of the text read, which goes away
+  first_exact.reserve(sections.size());
   for (size_t i = 0; i < sections.size(); ++i) {
-    const std::string& name = sections[i];
+    const std::string_view name = sections[i];
     first_exact.emplace(name, i);
     if (!name.empty() && name.back() == '*') {
-      const std::string prefix = name.substr(0, name.size() - 1);
+      const std::string_view prefix = name.substr(0, name.size() - 1);
       first_prefix.emplace(prefix, i);
       prefix_lengths.insert(prefix.size());
     }
   }
+  default_has_entry = blocks_by_type.contains(kDefaultType);
 }
 
 FieldSet::FieldSet(std::string name)
@@ -139,22 +163,24 @@ bool FieldSet::load() {
 void FieldSet::loadText(std::string_view text) {
   // A ";" ends the line before anything else; blanks before a "#" stay, as
   // the line is trimmed before the comment is cut.
-  std::vector<std::string> kept;
+  std::vector<std::string_view> kept;
   SetFileLines lines(text);
   std::string_view line;
   while (lines.next(line)) {
     line = nmb_set_file_cut_at(line, ';');
     if (line.empty()) continue;
     line = nmb_set_file_cut_at(nmb_set_file_trim(line), '#');
-    if (!line.empty()) kept.emplace_back(line);
+    if (!line.empty()) kept.push_back(line);
   }
   if (nmb_log_enabled(NMB_LOG_DEBUG)) {
     nmb_log(NMB_LOG_DEBUG, "fset file %s", name_.c_str());
-    for (const std::string& item : kept) nmb_log(NMB_LOG_DEBUG, "%s", item.c_str());
+    for (std::string_view item : kept) {
+      nmb_log(NMB_LOG_DEBUG, "%.*s", static_cast<int>(item.size()), item.data());
+    }
     nmb_log(NMB_LOG_DEBUG, "-----------------------");
   }
   auto rules = std::make_shared<Rules>();
-  for (const std::string& item : kept) rules->parseLine(item);
+  for (std::string_view item : kept) rules->parseLine(item);
   rules->indexSections();
   rules_ = std::move(rules);
   dump();
@@ -164,14 +190,14 @@ bool FieldSet::isTypeOfInterest(const std::string& type_name,
                                 const std::set<std::string>* names) const {
   const Rules& rules = *rules_;
   if (rules.sections.empty()) return true;
-  auto exact = rules.first_exact.find(type_name);
-  if (exact != rules.first_exact.end()) return true;
+  const std::string_view name = type_name;
+  if (rules.first_exact.contains(name)) return true;
   for (size_t length : rules.prefix_lengths) {
-    if (length > type_name.size()) break;
-    if (rules.first_prefix.contains(type_name.substr(0, length))) return true;
+    if (length > name.size()) break;
+    if (rules.first_prefix.contains(name.substr(0, length))) return true;
   }
   if (names != nullptr && names->contains(type_name)) return true;
-  return rules.hasEntry(kDefaultType);
+  return rules.default_has_entry;
 }
 
 FieldSet::TokenList FieldSet::tokensFor(const std::string& type_name) const {
@@ -181,12 +207,13 @@ FieldSet::TokenList FieldSet::tokensFor(const std::string& type_name) const {
   // The first section in file order that takes the type decides; when it is
   // a prefix section, its tokens are the type's too.
   size_t taken_at = SIZE_MAX;
-  auto exact = rules.first_exact.find(type_name);
+  const std::string_view name = type_name;
+  auto exact = rules.first_exact.find(name);
   if (exact != rules.first_exact.end()) taken_at = exact->second;
   const std::string* prefix_section = nullptr;
   for (size_t length : rules.prefix_lengths) {
-    if (length > type_name.size()) break;
-    auto prefix = rules.first_prefix.find(type_name.substr(0, length));
+    if (length > name.size()) break;
+    auto prefix = rules.first_prefix.find(name.substr(0, length));
     if (prefix != rules.first_prefix.end() && prefix->second <= taken_at) {
       taken_at = prefix->second;
       prefix_section = &rules.sections[prefix->second];
@@ -289,9 +316,7 @@ const std::vector<FieldRecord>* FieldSet::getFields(int schema_id, int type_id) 
 
 std::vector<std::string> FieldSet::typesWithTokens() const {
   std::vector<std::string> types;
-  for (const auto& entry : rules_->blocks_by_type) {
-    if (rules_->hasEntry(entry.first)) types.push_back(entry.first);
-  }
+  for (const auto& entry : rules_->blocks_by_type) types.push_back(entry.first);
   return types;
 }
 
@@ -315,7 +340,7 @@ void FieldSet::dump() const {
         std::pair{"meta_fields_constants_by_type_:", &Rules::Block::constants}}) {
     nmb_log(NMB_LOG_DEBUG, "%s", title);
     for (const auto& entry : rules_->blocks_by_type) {
-      const MetaMap meta = rules_->metaOf(entry.first, member);
+      const MetaMap meta = rules_->metaOf(entry.second, member);
       if (meta.empty()) continue;
       nmb_log(NMB_LOG_DEBUG, "\ttype = %s:", entry.first.c_str());
       for (const auto& [key, value] : meta) {

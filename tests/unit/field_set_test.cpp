@@ -100,6 +100,11 @@ TEST_F(FieldSetTest, SectionNamesAreTakenAsTheyStandBetweenCommas) {
   EXPECT_FALSE(interest("a"));
 }
 
+TEST_F(FieldSetTest, TypeNamedTwiceInOneHeaderTakesItsLinesOnce) {
+  load("[a,a]\nx\n[a]\ny\n");
+  EXPECT_EQ(tokens("a"), (std::vector<std::string>{"x", "y"}));
+}
+
 TEST_F(FieldSetTest, CaptionPatternLinesGiveATokenAndAnAlias) {
   nmb_init_stderr_logger(NMB_LOG_DEBUG);
   start();
