@@ -36,12 +36,6 @@ TEST_F(MetaFieldLine, KeyAndValueAreNotTrimmed) {
   EXPECT_EQ(value_, " a");
 }
 
-TEST_F(MetaFieldLine, WithoutThePrefixItIsNoMetaFieldLineAndSaysNothing) {
-  start();
-  EXPECT_FALSE(check("port=meta_field_add", NMB_META_FIELD_ALIAS_PREFIX));
-  EXPECT_EQ(logged(), "");
-}
-
 TEST_F(MetaFieldLine, MissingOrEarlyEqualSignFallsThrough) {
   start();
   EXPECT_FALSE(check("meta_field_alias:foo", NMB_META_FIELD_ALIAS_PREFIX));
@@ -185,15 +179,6 @@ TEST_F(CounterSetFile, UnparsableLineIsReportedForEveryCounterTested) {
             "[error] Unable to parse counterset token =\n"
             "[error] Unable to parse counterset token a=b=c\n"
             "[error] Unable to parse counterset token =\n");
-}
-
-TEST_F(CounterSetFile, LinesAreOredAndTermsAnded) {
-  auto set = load("rx=port_rcv+data\n-temp+fan\n");
-  ASSERT_NE(set, nullptr);
-  EXPECT_EQ(include(*set, "PORT_RCV_DATA"), 1);
-  EXPECT_EQ(include(*set, "port_rcv"), 0);
-  EXPECT_EQ(include(*set, "fan_speed"), 1);
-  EXPECT_EQ(include(*set, "fan_temp"), 0);
 }
 
 TEST_F(CounterSetFile, ProviderMessages) {
