@@ -13,6 +13,8 @@
 #include "data/packed_page.h"
 #include "data/schema_json.h"
 #include "data/type_system.h"
+#include "filter/provider_counter_set.h"
+#include "filter/provider_field_set.h"
 #include "utils/log.h"
 #include "utils/output.h"
 #include "utils/report.h"
@@ -184,8 +186,30 @@ bool load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t c
   const nmb_reader_settings_t& settings = *reader.settings;
   const bool have_cset = !settings.cset_file.empty();
   const bool have_fset = !settings.fset_file.empty();
-  // The -F field set and -C counter set files are loaded here, fresh for
-  // every load, and handed to the schema loads below once they exist.
+  // The filter files are read afresh for every load and released after it;
+  // the loaded schemas keep only what the filters let through.
+  std::unique_ptr<nmb_provider_field_set_t> fset;
+  if (have_fset) {
+    fset = nmb_provider_field_set_create_from_file(settings.fset_file.c_str());
+    if (fset == nullptr) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to load provider field set from file: %s",
+              settings.fset_file.c_str());
+      return false;
+    }
+  }
+  std::unique_ptr<nmb_provider_counter_set_t> cset;
+  if (have_cset) {
+    cset = nmb_provider_counter_set_create(settings.cset_file.c_str());
+    if (cset == nullptr) {
+      NMB_LOG(NMB_LOG_ERROR, "Failed to load provider counter set from file: %s",
+              settings.cset_file.c_str());
+      return false;
+    }
+  }
+  nmb_event_field_filter_t field_filter;
+  if (fset != nullptr) field_filter = nmb_provider_field_set_filter(*fset);
+  nmb_counter_filter_t counter_filter;
+  if (cset != nullptr) counter_filter = nmb_provider_counter_set_filter(*cset);
 
   std::unique_ptr<nmb_type_system_t> ts = nmb_type_system_create();
   if (ts == nullptr) {
@@ -200,7 +224,9 @@ bool load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t c
       if (nmb_schema_id_is_zero(id)) continue;
       std::string path = schema_file_path(settings, id);
       bool skipped = false;
-      if (nmb_type_system_load_schema(*ts, path.c_str(), &skipped) == nullptr && !skipped) {
+      if (nmb_type_system_load_schema(*ts, path.c_str(), &skipped,
+                                      fset != nullptr ? &field_filter : nullptr) == nullptr &&
+          !skipped) {
         NMB_LOG(NMB_LOG_ERROR, "Failed to load schema from file: %s", path.c_str());
         return false;
       }
@@ -213,7 +239,8 @@ bool load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t c
       !nmb_schema_id_is_zero(counters_id)) {
     std::string path = schema_file_path(settings, counters_id);
     ts->counters_schema.reset();
-    ts->counters_schema = nmb_counters_schema_load_file(path.c_str());
+    ts->counters_schema =
+        nmb_counters_schema_load_file(path.c_str(), cset != nullptr ? &counter_filter : nullptr);
     if (ts->counters_schema == nullptr) {
       NMB_LOG(NMB_LOG_ERROR, "Failed to load counters schema from file: %s", path.c_str());
       return false;
