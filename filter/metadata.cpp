@@ -222,7 +222,8 @@ void index_entries(nmb_metadata_t& md) {
     if (!entry.exact && entry.pattern_length == 0) continue;
     EntryIndex& index = entry.exact ? md.exact : md.prefix;
     const TextHash& whole = md.texts[i].whole;
-    auto [at, inserted] = index.chains.try_emplace(TextKey{whole.length, whole.hash}, i, i);
+    auto [at, inserted] =
+        index.chains.try_emplace(TextKey{whole.length, whole.hash}, EntryIndex::Chain{i, i});
     if (!inserted) {
       md.next[at->second.last] = i;
       at->second.last = i;
