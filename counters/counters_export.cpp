@@ -1,13 +1,17 @@
 #include "counters/counters_export.h"
 
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "data/format.h"
 #include "export/record_output.h"
 #include "export/value_format.h"
+#include "filter/metadata.h"
 #include "utils/json_writer.h"
 #include "utils/log.h"
 
@@ -44,6 +48,25 @@ struct Member {
   CounterRender value;
 };
 
+// The "indexes" or "labels" object of a metadata entry: (key, value) as
+// quoted JSON strings, a repeated key holding its last value at its first
+// position.
+using PairList = std::vector<std::pair<std::string, std::string>>;
+
+// With metadata, the object that stands for one member in its counter set's
+// array: its members in order, each the counter value (pairs == nullptr) or
+// an "indexes" or "labels" object.
+struct EnrichedMember {
+  struct Part {
+    std::string key;  // quoted and escaped
+    std::shared_ptr<const PairList> pairs;
+  };
+  std::vector<Part> parts;
+  // The shown name is "indexes" or "labels" and that object took the value's
+  // place: the value is still built (it can fail the block), not written.
+  bool value_hidden = false;
+};
+
 struct GroupPlan {
   std::string granularity;  // quoted JSON string
   std::string name;         // quoted JSON string; empty when the name is not valid UTF-8
@@ -58,6 +81,9 @@ struct GroupPlan {
     uint32_t member = 0;
   };
   std::vector<Step> steps;
+  // With metadata counter sets are arrays, of one object per member.
+  bool enrich = false;
+  std::vector<EnrichedMember> enriched;
 };
 
 // Read from the environment on the first counter value written.
@@ -181,17 +207,8 @@ StepScratch& step_scratch() {
   return scratch;
 }
 
-bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
-  if (group.steps.empty()) {
-    w.begin_object();
-    for (const auto& member : group.members) {
-      w.escaped_key(member.key);
-      if (!render_value(w, member.value, values)) return false;
-    }
-    w.end_object();
-    return true;
-  }
-  StepScratch& scratch = step_scratch();
+// Builds the values of a group that repeats a name into the scratch text.
+bool build_step_values(const GroupPlan& group, const nmb::ByteView& values, StepScratch& scratch) {
   scratch.text.clear();
   scratch.spans.assign(group.members.size(), {0, 0});
   for (const auto& step : group.steps) {
@@ -200,11 +217,82 @@ bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::By
     if (!render_value(value, step.value, values)) return false;
     scratch.spans[step.member] = {start, scratch.text.size()};
   }
+  return true;
+}
+
+std::string_view step_value(const StepScratch& scratch, size_t member) {
+  const auto [start, end] = scratch.spans[member];
+  return std::string_view(scratch.text).substr(start, end - start);
+}
+
+void write_pairs(nmb::JsonWriter& w, const PairList& pairs) {
+  w.begin_object();
+  for (const auto& [key, value] : pairs) {
+    w.escaped_key(key);
+    w.raw_value(value);
+  }
+  w.end_object();
+}
+
+// A counter set with metadata: an array of one object per member. `built`
+// holds the values when the group repeats a name.
+bool write_enriched_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values,
+                        const StepScratch* built) {
+  w.begin_array();
+  for (size_t i = 0; i < group.members.size(); ++i) {
+    const EnrichedMember& enriched = group.enriched[i];
+    const CounterRender& value = group.members[i].value;
+    if (enriched.value_hidden && built == nullptr) {
+      // The scratch is free: only groups that repeat a name use it.
+      std::string& discarded = step_scratch().text;
+      discarded.clear();
+      nmb::JsonWriter hidden(discarded, false);
+      if (!render_value(hidden, value, values)) return false;
+    }
+    w.begin_object();
+    for (const auto& part : enriched.parts) {
+      w.escaped_key(part.key);
+      if (part.pairs) {
+        write_pairs(w, *part.pairs);
+      } else if (built != nullptr) {
+        w.raw_value(step_value(*built, i));
+      } else if (!render_value(w, value, values)) {
+        return false;
+      }
+    }
+    w.end_object();
+  }
+  w.end_array();
+  return true;
+}
+
+// A counter set of a group that repeats a name or is enriched. Kept out of
+// line, so that the common path below stays small enough to be inlined whole
+// into the block's loop.
+[[gnu::noinline]] bool write_built_counter_set(nmb::JsonWriter& w, const GroupPlan& group,
+                                               const nmb::ByteView& values) {
+  const StepScratch* built = nullptr;
+  if (!group.steps.empty()) {
+    StepScratch& scratch = step_scratch();
+    if (!build_step_values(group, values, scratch)) return false;
+    built = &scratch;
+  }
+  if (group.enrich) return write_enriched_set(w, group, values, built);
   w.begin_object();
   for (size_t i = 0; i < group.members.size(); ++i) {
     w.escaped_key(group.members[i].key);
-    const auto [start, end] = scratch.spans[i];
-    w.raw_value(std::string_view(scratch.text).substr(start, end - start));
+    w.raw_value(step_value(*built, i));
+  }
+  w.end_object();
+  return true;
+}
+
+bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
+  if (!group.steps.empty() || group.enrich) return write_built_counter_set(w, group, values);
+  w.begin_object();
+  for (const auto& member : group.members) {
+    w.escaped_key(member.key);
+    if (!render_value(w, member.value, values)) return false;
   }
   w.end_object();
   return true;
@@ -229,6 +317,62 @@ bool write_group(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView
   return true;
 }
 
+// The rendered "indexes" or "labels" object of an entry; nullptr when empty.
+std::shared_ptr<const PairList> render_pairs(const std::vector<nmb_metadata_pair_t>& pairs) {
+  if (pairs.empty()) return nullptr;
+  auto list = std::make_shared<PairList>();
+  std::unordered_map<std::string_view, size_t> position;
+  for (const auto& pair : pairs) {
+    auto [at, inserted] = position.emplace(pair.name, list->size());
+    std::string value = nmb::json_escape_key(pair.value);
+    if (inserted) {
+      list->emplace_back(nmb::json_escape_key(pair.name), std::move(value));
+    } else {
+      (*list)[at->second].second = std::move(value);
+    }
+  }
+  return list;
+}
+
+// Looks counter names up in the metadata and compiles their enriched form.
+// An entry's objects are rendered once and shared by every counter using it.
+class EnrichmentCompiler {
+ public:
+  explicit EnrichmentCompiler(const nmb_metadata_t& metadata) : metadata_(metadata) {}
+
+  EnrichedMember compile(std::string_view name) {
+    const nmb_metadata_entry_t* entry = nmb_metadata_find(metadata_, name);
+    const std::string_view shown = nmb_metadata_shown_name(entry, name);
+    EnrichedMember member;
+    member.parts.push_back({nmb::json_escape_key(shown), nullptr});
+    if (entry == nullptr) return member;
+    auto [at, inserted] = rendered_.try_emplace(entry);
+    if (inserted) at->second = {render_pairs(entry->indexes), render_pairs(entry->labels)};
+    // Set as members of an object are: a key already present (the shown name
+    // can be "indexes") keeps its position and takes the new value.
+    std::vector<std::string_view> keys{shown};
+    auto set = [&](std::string_view key, const std::shared_ptr<const PairList>& pairs) {
+      if (!pairs) return;
+      for (size_t i = 0; i < keys.size(); ++i) {
+        if (keys[i] != key) continue;
+        if (!member.parts[i].pairs) member.value_hidden = true;
+        member.parts[i].pairs = pairs;
+        return;
+      }
+      keys.push_back(key);
+      member.parts.push_back({nmb::json_escape_key(key), pairs});
+    };
+    set("indexes", at->second.first);
+    set("labels", at->second.second);
+    return member;
+  }
+
+ private:
+  using Rendered = std::pair<std::shared_ptr<const PairList>, std::shared_ptr<const PairList>>;
+  const nmb_metadata_t& metadata_;
+  std::unordered_map<const nmb_metadata_entry_t*, Rendered> rendered_;
+};
+
 }  // namespace
 
 struct nmb_counters_plan_t {
@@ -239,8 +383,11 @@ void nmb_counters_plan_deleter::operator()(nmb_counters_plan_t* plan) const {
   delete plan;
 }
 
-nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema) {
+nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema,
+                                               const nmb_metadata_t* metadata) {
   nmb_counters_plan_ptr plan(new nmb_counters_plan_t());
+  std::optional<EnrichmentCompiler> enrichment;
+  if (metadata != nullptr) enrichment.emplace(*metadata);
   plan->groups.reserve(schema.groups.size());
   for (const auto& group : schema.groups) {
     GroupPlan& gp = plan->groups.emplace_back();
@@ -270,6 +417,12 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
       for (const auto& counter : group.counters)
         gp.steps.push_back(GroupPlan::Step{compile_counter(counter),
                                            static_cast<uint32_t>(position.at(counter.name))});
+    }
+    if (enrichment) {
+      gp.enrich = true;
+      gp.enriched.reserve(gp.members.size());
+      for (const auto& member : gp.members)
+        gp.enriched.push_back(enrichment->compile(member.value.name));
     }
   }
   return plan;

@@ -10,6 +10,8 @@
 #include "counters/counters_schema.h"
 #include "data/bytes.h"
 
+struct nmb_metadata_t;  // filter/metadata.h
+
 namespace nmb {
 class RecordOutput;
 }
@@ -28,7 +30,13 @@ struct nmb_counters_plan_deleter {
 };
 using nmb_counters_plan_ptr = std::unique_ptr<nmb_counters_plan_t, nmb_counters_plan_deleter>;
 
-nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema);
+// With metadata (-M), every counter set is written as an array of one-member
+// objects: each counter under its shown name, with its "indexes" and
+// "labels" when its entry has them. Every name is looked up here, once, so a
+// block is still written in one pass. The plan keeps no reference to the
+// schema's or the metadata's strings.
+nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema,
+                                               const nmb_metadata_t* metadata = nullptr);
 
 // One counters block: with -p its header is printed instead; blocks outside
 // the time bounds are skipped; the rest go to the writer. 1 on success or

@@ -11,6 +11,7 @@
 #include "data/bytes.h"
 
 struct nmb_type_system_t;
+struct nmb_metadata_t;  // filter/metadata.h
 
 namespace nmb {
 
@@ -31,6 +32,10 @@ class BlockSink {
   virtual bool file_opened(const char* path) = 0;
   virtual void header_read(const uint8_t* /*header*/) {}
   virtual void schemas_loaded(const nmb_type_system_t* ts) = 0;
+  // The metadata of -M for the file, once, after its first schemas are
+  // loaded and before begin_data (nullptr without -M or when none is found).
+  // It lives until the file's end_data.
+  virtual void metadata_loaded(const nmb_metadata_t* /*metadata*/) {}
   virtual void begin_data(const char* /*path*/, bool /*first*/) {}
   virtual void end_data(bool /*ok*/) {}
 

@@ -420,9 +420,12 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
     return false;
   }
   if (settings.metadata) {
-    // -M: the metadata of the counters schema id (or the folder-wide lookup)
-    // is loaded into the context here; missing metadata is no error.
+    // Missing metadata is no error: the file is exported without it.
+    char id[NMB_SCHEMA_ID_TEXT_SIZE];
+    nmb_schema_id_to_text(reader.header + NMB_FH_COUNTERS_SCHEMA_ID, id);
+    reader.metadata = nmb_metadata_locate(settings.schema_path, id);
   }
+  sink.metadata_loaded(reader.metadata.get());
 
   sink.begin_data(path, first);
   const bool ok = nmb_reader_process_chunks(reader);

@@ -13,6 +13,7 @@
 #include "data/block_sink.h"
 #include "data/bytes.h"
 #include "data/format.h"
+#include "filter/metadata.h"
 
 struct nmb_type_system_t;  // data/type_system.h
 struct gzFile_s;           // zlib's file handle; <zlib.h> stays out of this header
@@ -40,7 +41,7 @@ struct nmb_reader_context_t {  // one per data file
   gzFile_s* file = nullptr;  // owned, closed by the destructor
   uint8_t header[NMB_FILE_HEADER_SIZE] = {};
   std::unique_ptr<nmb_type_system_t> type_system;  // rebuilt by every schema load
-  // Metadata of -M is kept here once that enrichment exists.
+  nmb_metadata_ptr metadata;                       // -M; nullptr when off or none was found
   // The chunk buffer: block_size bytes, zero-filled once (calloc: nothing is
   // committed until read into) and reused without clearing, so a short last
   // chunk is followed by what the previous chunk left.

@@ -43,7 +43,6 @@ bool JsonSink::write_counters(ByteView block) {
   std::string& text = out.text();
   const size_t mark = text.size();
   out.begin_record();
-  // Metadata enrichment (-M) of the counters object goes here once it exists.
   if (!nmb_counters_block_to_json(text, block, *counters_plan(),
                                   out.settings().microsecond_precision, pretty_)) {
     text.resize(mark);

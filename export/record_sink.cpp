@@ -17,6 +17,7 @@ RecordSink::~RecordSink() = default;
 
 bool RecordSink::file_opened(const char* path) {
   output_.start_file(path);
+  metadata_ = nullptr;
   schemas_loaded(nullptr);
   return true;
 }
@@ -29,7 +30,19 @@ void RecordSink::schemas_loaded(const nmb_type_system_t* ts) {
   const ExportSettings& settings = output_.settings();
   nmb_event_plans_compile(*ts, settings.include ? *settings.include : kNoPatterns,
                           settings.exclude ? *settings.exclude : kNoPatterns, event_plans_);
-  if (ts->counters_schema) counters_plan_ = nmb_counters_plan_create(*ts->counters_schema);
+  compile_counters_plan();
+}
+
+void RecordSink::metadata_loaded(const nmb_metadata_t* metadata) {
+  if (metadata == metadata_) return;  // none again (no -M): the plan stands
+  metadata_ = metadata;
+  compile_counters_plan();
+}
+
+void RecordSink::compile_counters_plan() {
+  counters_plan_.reset();
+  const nmb_counters_schema_t* schema = counters_schema();
+  if (schema != nullptr) counters_plan_ = nmb_counters_plan_create(*schema, metadata_);
 }
 
 const nmb_counters_schema_t* RecordSink::counters_schema() const {

@@ -35,6 +35,7 @@ class RecordSink : public BlockSink,
 
   bool file_opened(const char* path) override;
   void schemas_loaded(const nmb_type_system_t* ts) override;
+  void metadata_loaded(const nmb_metadata_t* metadata) override;
   bool counters_block(ByteView block) override;
   size_t events_block(ByteView area) override;
   bool metrics_block(ByteView block) override;
@@ -53,8 +54,12 @@ class RecordSink : public BlockSink,
   const nmb_event_plans_t& event_plans() const { return event_plans_; }
 
  private:
+  // The counters plan of the current schema with the current metadata.
+  void compile_counters_plan();
+
   RecordOutput output_;
   const nmb_type_system_t* type_system_ = nullptr;
+  const nmb_metadata_t* metadata_ = nullptr;
   nmb_event_plans_t event_plans_;
   nmb_counters_plan_ptr counters_plan_;
 };
