@@ -316,7 +316,9 @@ InfluxSerializer::TypeLines& InfluxSerializer::lines_of(const nmb_event_plan_t& 
     lines.measurement = nmb_influx_measurement(*plan.type);
     auto fixed = [&](std::string_view key, TagSource source) {
       TypeLines::Tag tag;
-      tag.key = "," + std::string(key) + "=";
+      tag.key.push_back(',');
+      tag.key.append(key);
+      tag.key.push_back('=');
       tag.source = source;
       if (source == TagSource::kEventType) nmb_influx_append_key(tag.value, plan.type->name);
       lines.tags.push_back(std::move(tag));
