@@ -35,16 +35,26 @@ class FileJobs {
         if (next_start_ >= slots_.size()) return;
         index = next_start_++;
       }
-      auto out = std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{cap_});
+      // Standard output goes live when the file's turn comes while it runs.
+      auto out = std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{cap_, STDOUT_FILENO});
       auto err = std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{cap_});
+      nmb::OutputBuffer& file_out = *out;
+      nmb::OutputBuffer& file_err = *err;
+      {
+        std::lock_guard lock(mutex_);
+        slots_[index].out = std::move(out);
+        slots_[index].err = std::move(err);
+      }
+      started_.notify_one();
       bool ok = false;
       {
-        nmb::ThreadCapture capture(*out, *err);
-        ok = job_(index, *out);
+        nmb::ThreadCapture capture(file_out, file_err);
+        ok = job_(index, file_out);
       }
       {
         std::lock_guard lock(mutex_);
-        slots_[index] = FileSlot{std::move(out), std::move(err), true, ok};
+        slots_[index].done = true;
+        slots_[index].ok = ok;
       }
       done_.notify_one();
     }
@@ -59,7 +69,13 @@ class FileJobs {
       FileSlot slot;
       {
         std::unique_lock lock(mutex_);
-        done_.wait(lock, [&] { return slots_[index].done; });
+        started_.wait(lock, [&] { return slots_[index].out != nullptr; });
+        if (!slots_[index].done) {
+          // Everything before the file is out: it may write straight through.
+          out.flush();
+          slots_[index].out->go_live();
+          done_.wait(lock, [&] { return slots_[index].done; });
+        }
         slot = std::move(slots_[index]);
       }
       slot.out->move_to(out);
@@ -76,8 +92,9 @@ class FileJobs {
 
  private:
   std::mutex mutex_;
-  std::condition_variable room_;  // a file may start
-  std::condition_variable done_;  // a file is done
+  std::condition_variable room_;     // a file may start
+  std::condition_variable started_;  // a file has its buffers
+  std::condition_variable done_;     // a file is done
   std::vector<FileSlot> slots_;
   size_t next_start_ = 0;
   size_t next_written_ = 0;

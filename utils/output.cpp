@@ -31,7 +31,8 @@ OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_
   text_.reserve(flush_threshold + flush_threshold / 4);
 }
 
-OutputBuffer::OutputBuffer(Spill spill) : fd_(-1), threshold_(spill.cap), spills_(true) {}
+OutputBuffer::OutputBuffer(Spill spill)
+    : fd_(-1), threshold_(spill.cap), spills_(true), live_fd_(spill.live_fd) {}
 
 OutputBuffer::~OutputBuffer() {
   if (spills_) {
@@ -77,6 +78,11 @@ void OutputBuffer::write_out(int fd, const char* data, size_t left) {
 }
 
 void OutputBuffer::flush() {
+  if (spills_ && live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
+    OutputBuffer live(live_fd_, 0);
+    move_to(live);
+    return;
+  }
   if (spills_) {
     if (text_.empty()) return;
     if (spill_fd_ < 0) spill_fd_ = make_spill_file();

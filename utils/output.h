@@ -7,6 +7,7 @@
 // unlinked temporary file; the run then hands them on in file order.
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <string>
@@ -19,8 +20,11 @@ class OutputBuffer {
   explicit OutputBuffer(int fd, size_t flush_threshold = size_t{1} << 20);
   // A buffer that keeps up to `cap` bytes and spills the rest, at record
   // boundaries, to a temporary file (removed as soon as it is created).
+  // Once `live` is asked for, what is spilled and what comes after it goes
+  // straight to `live_fd` instead.
   struct Spill {
     size_t cap;
+    int live_fd = -1;
   };
   explicit OutputBuffer(Spill spill);
   ~OutputBuffer();
@@ -43,6 +47,8 @@ class OutputBuffer {
   // first) to `target`, in order, and starts empty again.
   void move_to(OutputBuffer& target);
   bool spilled() const { return spill_fd_ >= 0; }
+  // From any thread: the buffer's turn has come (everything before it is out).
+  void go_live() { live_.store(true, std::memory_order_release); }
 
  private:
   void write_out(int fd, const char* data, size_t size);
@@ -52,6 +58,8 @@ class OutputBuffer {
   std::string text_;
   bool spills_ = false;
   int spill_fd_ = -1;
+  int live_fd_ = -1;
+  std::atomic<bool> live_{false};
 };
 
 // The process's standard output, or the capture of this thread's file.
