@@ -66,6 +66,7 @@ const option kLongOptions[] = {
     {"ignore-missing-filter", no_argument, nullptr, 'I'},
     {"microsecond-precision", no_argument, nullptr, 'u'},
     {"metadata", no_argument, nullptr, 'M'},
+    {"jobs", required_argument, nullptr, 'j'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -73,8 +74,8 @@ const option kLongOptions[] = {
 bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit_now) {
   optind = 0;
   int c;
-  while ((c = getopt_long(argc, argv, "hVv:s:o:g:l:i:e:f:pd:S::C:F:IuM", kLongOptions, nullptr)) !=
-         -1) {
+  while ((c = getopt_long(argc, argv, "hVv:s:o:g:l:i:e:f:pd:S::C:F:IuMj:", kLongOptions,
+                          nullptr)) != -1) {
     switch (c) {
       case 'h':
         nmb_read_print_help();
@@ -150,6 +151,16 @@ bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit
       case 'M':
         options.metadata = true;
         break;
+      case 'j': {
+        int64_t jobs = 0;
+        if (!nmb_parse_int64(optarg, jobs) || jobs < 1 || jobs > NMB_MAX_JOBS) {
+          std::fprintf(stderr, "Number of jobs is a number between 1 and %d, %s is given.",
+                       static_cast<int>(NMB_MAX_JOBS), optarg);
+          return false;
+        }
+        options.jobs = static_cast<uint32_t>(jobs);
+        break;
+      }
       default:
         // getopt has already complained; an unknown option does not stop parsing.
         break;

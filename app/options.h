@@ -9,6 +9,8 @@
 #include "utils/string_array.h"
 
 inline constexpr uint32_t NMB_MAX_VERBOSITY = 7;
+// -j: files processed at once (not in the help text, whose lines are fixed).
+inline constexpr uint32_t NMB_MAX_JOBS = 256;
 
 // Output format codes.
 enum nmb_output_format_t : int {
@@ -46,6 +48,7 @@ struct nmb_read_options_t {
   bool ignore_missing_filter = false;
   bool microsecond_precision = false;
   bool metadata = false;
+  uint32_t jobs = 1;
 };
 
 // Parses argv into `options` and completes it (data directory, include

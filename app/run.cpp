@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -9,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/file_jobs.h"
 #include "data/format.h"
 #include "data/reader.h"
 #include "export/bin_sink.h"
@@ -18,6 +20,7 @@
 #include "export/text_sink.h"
 #include "utils/env.h"
 #include "utils/log.h"
+#include "utils/numbers.h"
 #include "utils/output.h"
 
 namespace {
@@ -131,9 +134,9 @@ nmb::ExportSettings nmb_export_settings_from(const nmb_read_options_t& options) 
 
 namespace {
 
-// False when a header could not be read: then no file was processed.
-bool run_sorted(const nmb_read_options_t& options, const nmb_reader_settings_t& settings,
-                nmb::BlockSink& sink, int& failed) {
+// The files in the -S order; false when a header could not be read: then no
+// file is processed.
+bool sort_files(const nmb_read_options_t& options, std::vector<std::string>& paths, int& failed) {
   std::vector<file_entry_t> entries;
   try {
     entries.resize(options.files.size());
@@ -164,13 +167,29 @@ bool run_sorted(const nmb_read_options_t& options, const nmb_reader_settings_t& 
     order = nmb_sort_order_t{};
   }
   sort_entries(entries, order);
-
-  bool first = true;
-  for (const file_entry_t& entry : entries) {
-    if (!nmb_process_file(entry.path.c_str(), settings, sink, first)) ++failed;
-    first = false;
-  }
+  for (file_entry_t& entry : entries) paths.push_back(std::move(entry.path));
   return true;
+}
+
+// Files run one at a time when parallel files could not write what one at a
+// time writes: -f bin appends pages of many input files to the same output
+// files, and two GUID switch variables that disagree are warned about once,
+// by the first file that needs the switch.
+uint32_t jobs_for(const nmb_read_options_t& options) {
+  if (options.format == NMB_FORMAT_BIN) return 1;
+  const char* prefixed = std::getenv("NMB_CONVERT_GUID_TO_HEX_STRING");
+  const char* plain = std::getenv("CONVERT_GUID_TO_HEX_STRING");
+  if (prefixed != nullptr && plain != nullptr && std::strcmp(prefixed, plain) != 0) return 1;
+  return options.jobs;
+}
+
+// The per-stream cap of a file waiting for its turn (NMB_JOB_BUFFER_SIZE, in
+// bytes, lets tests make it small).
+size_t job_buffer_cap() {
+  const char* text = std::getenv("NMB_JOB_BUFFER_SIZE");
+  uint64_t cap = 0;
+  if (text == nullptr || !nmb_parse_uint64(text, cap) || cap == 0) return NMB_JOB_BUFFER_CAP;
+  return static_cast<size_t>(cap);
 }
 
 }  // namespace
@@ -217,12 +236,25 @@ int nmb_run(const nmb_read_options_t& options) {
   sink->begin_run();
   int failed = 0;
   bool completed = true;
+  std::vector<std::string> paths;
   if (options.sort_files) {
-    completed = run_sorted(options, settings, *sink, failed);
+    completed = sort_files(options, paths, failed);
   } else {
-    for (size_t i = 0; i < options.files.size(); ++i) {
-      if (!nmb_process_file(options.files[i].c_str(), settings, *sink, i == 0)) ++failed;
+    paths = options.files;
+  }
+  const uint32_t jobs = jobs_for(options);
+  if (jobs <= 1) {
+    for (size_t i = 0; i < paths.size(); ++i) {
+      if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0)) ++failed;
     }
+  } else {
+    // Each file gets a sink of its own, writing to the file's own buffer.
+    failed += nmb_run_file_jobs(
+        paths.size(), jobs, job_buffer_cap(), [&](size_t index, nmb::OutputBuffer& file_out) {
+          std::unique_ptr<nmb::BlockSink> file_sink =
+              nmb_make_block_sink(options.format, export_with, file_out);
+          return nmb_process_file(paths[index].c_str(), settings, *file_sink, index == 0);
+        });
   }
   sink->end_run(completed);
   out.flush();

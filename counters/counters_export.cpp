@@ -203,7 +203,7 @@ struct StepScratch {
   std::vector<std::pair<size_t, size_t>> spans;
 };
 StepScratch& step_scratch() {
-  static StepScratch scratch;
+  static thread_local StepScratch scratch;  // one per thread with -j
   return scratch;
 }
 

@@ -13,7 +13,7 @@ uint32_t nmb_version_parse(const char* text) {
 }
 
 const char* nmb_version_to_string(uint32_t version) {
-  static char text[16];
+  static thread_local char text[16];
   std::snprintf(text, sizeof text, "%u.%u.%u", version & 0xFF, (version >> 8) & 0xFF,
                 version >> 16);
   return text;

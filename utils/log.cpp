@@ -10,6 +10,7 @@
 #include <string>
 
 #include "utils/env.h"
+#include "utils/output.h"
 
 namespace nmb::detail {
 uint32_t g_log_level = NMB_LOG_LEVEL_UNSET;
@@ -72,7 +73,8 @@ bool init_logger_mutex() {
   return true;
 }
 
-void write_timestamp_prefix(FILE* stream) {
+// "[YYYY-mm-dd HH:MM:SS.mmm] " into `out` (room for 40 characters).
+void format_timestamp_prefix(char (&out)[40]) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   long millis = now.tv_nsec / 1000000;
@@ -84,7 +86,7 @@ void write_timestamp_prefix(FILE* stream) {
   localtime_r(&now.tv_sec, &local);
   char buffer[26];
   strftime(buffer, sizeof buffer, "[%Y-%m-%d %H:%M:%S", &local);
-  std::fprintf(stream, "%s.%03d] ", buffer, static_cast<int>(millis));
+  std::snprintf(out, sizeof out, "%s.%03d] ", buffer, static_cast<int>(millis));
 }
 
 void default_printer(uint32_t level, const char* format, va_list args) {
@@ -104,8 +106,20 @@ void default_printer(uint32_t level, const char* format, va_list args) {
     }
   }
   FILE* stream = g_stream != nullptr ? g_stream : stderr;
+  char prefix[40];
+  format_timestamp_prefix(prefix);
+  nmb::OutputBuffer* capture = stream == stderr ? nmb::stderr_capture() : nullptr;
+  if (capture != nullptr) {
+    // A file processed on a worker thread: its lines wait for its turn.
+    capture->write(prefix);
+    capture->write(level_word(level));
+    capture->vprintf(format, args);
+    capture->put('\n');
+    capture->commit();
+    return;
+  }
   if (g_mutex != nullptr) pthread_mutex_lock(g_mutex);
-  write_timestamp_prefix(stream);
+  std::fputs(prefix, stream);
   std::fputs(level_word(level), stream);
   std::vfprintf(stream, format, args);
   std::fputc('\n', stream);

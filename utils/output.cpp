@@ -3,27 +3,57 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <vector>
 
 namespace nmb {
+
+namespace {
+
+thread_local OutputBuffer* t_stdout_capture = nullptr;
+thread_local OutputBuffer* t_stderr_capture = nullptr;
+
+// An unlinked temporary file in TMPDIR (or /tmp): nothing is left behind
+// whatever ends the process. -1 when none can be made.
+int make_spill_file() {
+  const char* dir = std::getenv("TMPDIR");
+  std::string path = dir != nullptr && dir[0] != '\0' ? dir : "/tmp";
+  path += "/nmb_read.XXXXXX";
+  int fd = ::mkstemp(path.data());
+  if (fd >= 0) ::unlink(path.c_str());
+  return fd;
+}
+
+}  // namespace
 
 OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_(flush_threshold) {
   text_.reserve(flush_threshold + flush_threshold / 4);
 }
 
+OutputBuffer::OutputBuffer(Spill spill)
+    : fd_(-1), threshold_(spill.cap), spills_(true), live_fd_(spill.live_fd) {}
+
 OutputBuffer::~OutputBuffer() {
+  if (spills_) {
+    if (spill_fd_ >= 0) ::close(spill_fd_);
+    return;
+  }
   flush();
 }
 
 void OutputBuffer::printf(const char* format, ...) {
   va_list args;
   va_start(args, format);
+  vprintf(format, args);
+  va_end(args);
+}
+
+void OutputBuffer::vprintf(const char* format, va_list args) {
   va_list again;
   va_copy(again, args);
   char small[256];
   int n = std::vsnprintf(small, sizeof small, format, args);
-  va_end(args);
   if (n > 0 && static_cast<size_t>(n) < sizeof small) {
     text_.append(small, static_cast<size_t>(n));
   } else if (n > 0) {
@@ -35,11 +65,9 @@ void OutputBuffer::printf(const char* format, ...) {
   va_end(again);
 }
 
-void OutputBuffer::flush() {
-  const char* data = text_.data();
-  size_t left = text_.size();
+void OutputBuffer::write_out(int fd, const char* data, size_t left) {
   while (left > 0) {
-    ssize_t written = ::write(fd_, data, left);
+    ssize_t written = ::write(fd, data, left);
     if (written < 0) {
       if (errno == EINTR) continue;
       break;  // a closed pipe: nothing more can be delivered
@@ -47,12 +75,66 @@ void OutputBuffer::flush() {
     data += written;
     left -= static_cast<size_t>(written);
   }
+}
+
+void OutputBuffer::flush() {
+  if (spills_ && live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
+    OutputBuffer live(live_fd_, 0);
+    move_to(live);
+    return;
+  }
+  if (spills_) {
+    if (text_.empty()) return;
+    if (spill_fd_ < 0) spill_fd_ = make_spill_file();
+    if (spill_fd_ < 0) {
+      threshold_ += threshold_;  // no temporary file: hold on in memory
+      return;
+    }
+    write_out(spill_fd_, text_.data(), text_.size());
+  } else {
+    write_out(fd_, text_.data(), text_.size());
+  }
   text_.clear();
 }
 
+void OutputBuffer::move_to(OutputBuffer& target) {
+  if (spill_fd_ >= 0) {
+    target.flush();
+    std::vector<char> block(size_t{1} << 16);
+    ::lseek(spill_fd_, 0, SEEK_SET);
+    for (;;) {
+      ssize_t n = ::read(spill_fd_, block.data(), block.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      target.text_.append(block.data(), static_cast<size_t>(n));
+      target.flush();
+    }
+    ::close(spill_fd_);
+    spill_fd_ = -1;
+  }
+  target.text_.append(text_);
+  text_.clear();
+  target.commit();
+}
+
 OutputBuffer& stdout_buffer() {
+  if (t_stdout_capture != nullptr) return *t_stdout_capture;
   static OutputBuffer buffer(STDOUT_FILENO);
   return buffer;
+}
+
+ThreadCapture::ThreadCapture(OutputBuffer& out, OutputBuffer& err) {
+  t_stdout_capture = &out;
+  t_stderr_capture = &err;
+}
+
+ThreadCapture::~ThreadCapture() {
+  t_stdout_capture = nullptr;
+  t_stderr_capture = nullptr;
+}
+
+OutputBuffer* stderr_capture() {
+  return t_stderr_capture;
 }
 
 }  // namespace nmb

@@ -1,8 +1,14 @@
 // The single buffer through which everything written to standard output goes.
 // Writers append to it; it is flushed to the file descriptor only between
 // records (commit), so a record that fails half-way can be taken back.
+//
+// With -j, a file processed on a worker thread writes into buffers of its
+// own (a capture) that hold up to a cap in memory and move the rest to an
+// unlinked temporary file; the run then hands them on in file order.
 #pragma once
 
+#include <atomic>
+#include <cstdarg>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -12,6 +18,15 @@ namespace nmb {
 class OutputBuffer {
  public:
   explicit OutputBuffer(int fd, size_t flush_threshold = size_t{1} << 20);
+  // A buffer that keeps up to `cap` bytes and spills the rest, at record
+  // boundaries, to a temporary file (removed as soon as it is created).
+  // Once `live` is asked for, what is spilled and what comes after it goes
+  // straight to `live_fd` instead.
+  struct Spill {
+    size_t cap;
+    int live_fd = -1;
+  };
+  explicit OutputBuffer(Spill spill);
   ~OutputBuffer();
   OutputBuffer(const OutputBuffer&) = delete;
   OutputBuffer& operator=(const OutputBuffer&) = delete;
@@ -20,6 +35,7 @@ class OutputBuffer {
   void write(std::string_view bytes) { text_.append(bytes); }
   void put(char c) { text_.push_back(c); }
   void printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void vprintf(const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 
   // A record boundary: writes the buffer out once it has grown large.
   void commit() {
@@ -27,13 +43,40 @@ class OutputBuffer {
   }
   void flush();
 
+  // Spilling buffers: appends everything taken so far (the spilled part
+  // first) to `target`, in order, and starts empty again.
+  void move_to(OutputBuffer& target);
+  bool spilled() const { return spill_fd_ >= 0; }
+  // From any thread: the buffer's turn has come (everything before it is out).
+  void go_live() { live_.store(true, std::memory_order_release); }
+
  private:
+  void write_out(int fd, const char* data, size_t size);
+
   int fd_;
   size_t threshold_;
   std::string text_;
+  bool spills_ = false;
+  int spill_fd_ = -1;
+  int live_fd_ = -1;
+  std::atomic<bool> live_{false};
 };
 
-// The process's standard output.
+// The process's standard output, or the capture of this thread's file.
 OutputBuffer& stdout_buffer();
+
+// While alive, what this thread writes to standard output (stdout_buffer)
+// and the log lines and reports it writes to standard error go to `out` and
+// `err` instead.
+class ThreadCapture {
+ public:
+  ThreadCapture(OutputBuffer& out, OutputBuffer& err);
+  ~ThreadCapture();
+  ThreadCapture(const ThreadCapture&) = delete;
+  ThreadCapture& operator=(const ThreadCapture&) = delete;
+};
+
+// This thread's standard error capture; nullptr when it writes to stderr.
+OutputBuffer* stderr_capture();
 
 }  // namespace nmb

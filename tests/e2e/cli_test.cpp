@@ -74,6 +74,9 @@ TEST(Cli, RefusedArgumentsPrintTheMessageThenHelp) {
       {{"-v", "3x"}, "Verbosity level is a number between 0 and 7, 3x is given."},
       {{"-g", "10s"}, "Timestamp must be a number, 10s is given."},
       {{"-f", "xml"}, "Unsupported output format xml"},
+      {{"--jobs=0"}, "Number of jobs is a number between 1 and 256, 0 is given."},
+      {{"-j", "257"}, "Number of jobs is a number between 1 and 256, 257 is given."},
+      {{"-j", "2x"}, "Number of jobs is a number between 1 and 256, 2x is given."},
       {{"-C", "/nonexistent/c.cset"}, "Counter set file '/nonexistent/c.cset' does not exist\n"},
       {{"-F", "/nonexistent/f.fset"}, "Filter set file '/nonexistent/f.fset' does not exist\n"},
   };
