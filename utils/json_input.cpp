@@ -12,55 +12,85 @@ namespace {
 
 constexpr int kMaxNesting = 2048;
 
-// A SAX handler that builds the document through the library's own DOM
-// builder and applies the input rules on the way: a repeated key in one
-// object or nesting deeper than kMaxNesting stops the parse. (The library's
-// callback parser is not used: it scans the parent container after every
-// nested value, which makes an array of many objects quadratic to read.)
+// A SAX handler that builds the document and applies the input rules on the
+// way: a repeated key in one object or nesting deeper than kMaxNesting stops
+// the parse. Members are appended to their object directly, as the key is
+// known to be new: the library's own insertion (its DOM builder, and its
+// callback parser, which also scans the parent container after every nested
+// value) searches the members for the key first, which makes an object or
+// array of n members take n * n steps to read.
 class InputRules {
  public:
-  explicit InputRules(Json& result) : dom_(result, false) {}
+  explicit InputRules(Json& result) : root_(result) {}
 
-  bool null() { return value() && dom_.null(); }
-  bool boolean(bool v) { return value() && dom_.boolean(v); }
-  bool number_integer(Json::number_integer_t v) { return value() && dom_.number_integer(v); }
-  bool number_unsigned(Json::number_unsigned_t v) { return value() && dom_.number_unsigned(v); }
-  bool number_float(Json::number_float_t v, const Json::string_t& text) {
-    return value() && dom_.number_float(v, text);
+  bool null() { return put(Json(nullptr)) != nullptr; }
+  bool boolean(bool v) { return put(Json(v)) != nullptr; }
+  bool number_integer(Json::number_integer_t v) { return put(Json(v)) != nullptr; }
+  bool number_unsigned(Json::number_unsigned_t v) { return put(Json(v)) != nullptr; }
+  bool number_float(Json::number_float_t v, const Json::string_t&) {
+    return put(Json(v)) != nullptr;
   }
-  bool string(Json::string_t& v) { return value() && dom_.string(v); }
-  bool binary(Json::binary_t& v) { return value() && dom_.binary(v); }
-  bool start_object(std::size_t length) {
-    if (!value()) return false;
+  bool string(Json::string_t& v) { return put(Json(std::move(v))) != nullptr; }
+  bool binary(Json::binary_t& v) { return put(Json::binary(std::move(v))) != nullptr; }
+  bool start_object(std::size_t) {
+    Json* object = put(Json::object());
+    if (object == nullptr) return false;
+    open_.push_back(object);
     keys_.emplace_back(std::in_place);
-    return dom_.start_object(length);
+    return true;
   }
   bool key(Json::string_t& k) {
     if (!keys_.back()->insert(k).second) return false;
-    return dom_.key(k);
+    auto& members =
+        static_cast<Json::object_t::Container&>(*open_.back()->get_ptr<Json::object_t*>());
+    members.emplace_back(std::move(k), nullptr);
+    member_ = &members.back().second;
+    return true;
   }
   bool end_object() {
+    open_.pop_back();
     keys_.pop_back();
-    return dom_.end_object();
+    return true;
   }
-  bool start_array(std::size_t length) {
-    if (!value()) return false;
+  bool start_array(std::size_t) {
+    Json* array = put(Json::array());
+    if (array == nullptr) return false;
+    open_.push_back(array);
     keys_.emplace_back(std::nullopt);
-    return dom_.start_array(length);
+    return true;
   }
   bool end_array() {
+    open_.pop_back();
     keys_.pop_back();
-    return dom_.end_array();
+    return true;
   }
   bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
     return false;
   }
 
  private:
-  // The depth of a value is the number of containers around it.
-  bool value() const { return keys_.size() <= kMaxNesting; }
+  // Places a value where the parse stands (the root, the next item of the
+  // open array, or the member whose key came last); nullptr when it would
+  // nest too deep. The depth of a value is the number of containers around
+  // it. Containers on the stack stay in place: their parent only grows after
+  // they are closed.
+  Json* put(Json value) {
+    if (keys_.size() > kMaxNesting) return nullptr;
+    if (open_.empty()) {
+      root_ = std::move(value);
+      return &root_;
+    }
+    if (Json::array_t* items = open_.back()->get_ptr<Json::array_t*>()) {
+      items->push_back(std::move(value));
+      return &items->back();
+    }
+    *member_ = std::move(value);
+    return member_;
+  }
 
-  nlohmann::detail::json_sax_dom_parser<Json> dom_;
+  Json& root_;
+  std::vector<Json*> open_;  // the containers being read, innermost last
+  Json* member_ = nullptr;   // the member whose key was read last
   std::vector<std::optional<std::set<std::string>>> keys_;
 };
 

@@ -52,6 +52,21 @@ TEST(JsonInput, LongArraysOfObjectsReadInLinearTime) {
   EXPECT_FALSE(json_parse_text(R"([{"a":1,"a":2}])")) << "a repeated key still fails";
 }
 
+TEST(JsonInput, LargeObjectsReadInLinearTime) {
+  // (A metadata match may hold very many labels; inserting each member after
+  // a search of the ones before took minutes for this input.)
+  std::string text = "{";
+  for (int i = 0; i < 100000; ++i) text += (i ? ",\"k" : "\"k") + std::to_string(i) + "\":1";
+  text += "}";
+  auto parsed = json_parse_text(text);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->size(), 100000u);
+  EXPECT_EQ((*parsed)["k99999"], 1);
+  EXPECT_EQ(parsed->begin().key(), "k0");
+  EXPECT_FALSE(json_parse_text(text.substr(0, text.size() - 1) + ",\"k5\":2}"))
+      << "a repeated key still fails";
+}
+
 TEST(JsonInput, TemplateMatch) {
   Json templ = Json::parse(R"({"name":"","size":0,"fields":[]})");
   EXPECT_TRUE(
