@@ -465,7 +465,6 @@ int nmb_export_counters_block(nmb::RecordOutput& out, nmb::ByteView block,
     uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
     block.copy(0, header, sizeof header);
     nmb_print_counters_block_header(header);
-    out.buffer().commit();
     return 1;
   }
   const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -124,14 +125,13 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
     NMB_LOG(NMB_LOG_WARNING, "[data_writer] Received incompatible data page. Skipping.");
     return;
   }
-  uint64_t filled = nmb_load_u64(p + NMB_DP_FILLED);
+  // A filled offset outside the buffer is cut to it.
+  const uint64_t filled =
+      std::clamp<uint64_t>(nmb_load_u64(p + NMB_DP_FILLED), NMB_DATA_PAGE_HEADER_SIZE, size);
   if (filled == NMB_DATA_PAGE_HEADER_SIZE) {
     NMB_LOG(NMB_LOG_DEBUG, "[data_writer] Received empty data page. Skipping.");
     return;
   }
-  // A filled offset outside the buffer is cut to it.
-  if (filled > size) filled = size;
-  if (filled < NMB_DATA_PAGE_HEADER_SIZE) filled = NMB_DATA_PAGE_HEADER_SIZE;
   if (config_.filtering && !config_.filter.passes(page)) return;
 
   const std::string source_id = text_field(p + NMB_DP_SOURCE_ID, NMB_DP_SOURCE_ID_SIZE);
@@ -202,8 +202,7 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
 
   // Whole chunks: the data rounded up to the block size.
   uint64_t block_size = nmb_load_u32(p + NMB_DP_BLOCK_SIZE);
-  if (block_size == 0) block_size = data_room;
-  if (block_size == 0 || block_size > UINT32_MAX) return;
+  if (block_size == 0) block_size = data_room;  // not 0: the page holds data
   const uint64_t chunks = (block_size + filled - 721) / block_size;
   if (state.block_size != block_size) {
     state.block_size = static_cast<uint32_t>(block_size);

@@ -50,7 +50,6 @@ bool JsonSink::write_counters(ByteView block) {
     return false;
   }
   if (!pretty_) text.push_back('\n');
-  out.buffer().commit();
   return true;
 }
 

@@ -7,7 +7,6 @@ namespace nmb {
 bool TextSink::write_counters(ByteView block) {
   nmb_print_counters_block_text(output().text(), block, *counters_schema(),
                                 output().settings().microsecond_precision);
-  output().buffer().commit();
   return true;
 }
 

@@ -39,15 +39,15 @@ int nmb_hca_info_to_json(const uint64_t* timestamp, const nmb_hca_info_t* record
     auto member = [&](const char* field, const char* value) {
       char key[100];
       std::snprintf(key, sizeof key, "%.*s.%.*s", name_length, r.hca_name, 20, field);
-      w.key(key);
-      // Adapter names and GUID digits come from sysfs or from data: a value
-      // that is not text is left out of the document, as a field that cannot
-      // be set.
+      // GUID digits come from sysfs or from data: a value that is not text
+      // is a field that cannot be set, and is left out.
       std::string_view digits(value, strnlen(value, NMB_HCA_GUID_SIZE));
-      if (!w.string(digits)) {
+      if (!nmb::json_is_valid_utf8(digits.data(), digits.size())) {
         NMB_LOG(NMB_LOG_ERROR, "HCA info: unable to set '%s' field", key);
-        w.null();
+        return;
       }
+      w.key(key);
+      w.string(digits);
     };
     member("node_guid", r.node_guid);
     member("system_image_guid", r.system_image_guid);
