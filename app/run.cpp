@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/file_jobs.h"
+#include "app/progress.h"
 #include "data/format.h"
 #include "data/reader.h"
 #include "export/bin_sink.h"
@@ -243,9 +244,11 @@ int nmb_run(const nmb_read_options_t& options) {
     paths = options.files;
   }
   const uint32_t jobs = jobs_for(options);
+  nmb::RunProgress progress(paths.size());
   if (jobs <= 1) {
     for (size_t i = 0; i < paths.size(); ++i) {
       if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0)) ++failed;
+      progress.file_done();
     }
   } else {
     // Each file gets a sink of its own, writing to the file's own buffer.
@@ -253,7 +256,9 @@ int nmb_run(const nmb_read_options_t& options) {
         paths.size(), jobs, job_buffer_cap(), [&](size_t index, nmb::OutputBuffer& file_out) {
           std::unique_ptr<nmb::BlockSink> file_sink =
               nmb_make_block_sink(options.format, export_with, file_out);
-          return nmb_process_file(paths[index].c_str(), settings, *file_sink, index == 0);
+          const bool ok = nmb_process_file(paths[index].c_str(), settings, *file_sink, index == 0);
+          progress.file_done();
+          return ok;
         });
   }
   sink->end_run(completed);

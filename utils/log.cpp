@@ -11,6 +11,7 @@
 
 #include "utils/env.h"
 #include "utils/output.h"
+#include "utils/status_line.h"
 
 namespace nmb::detail {
 uint32_t g_log_level = NMB_LOG_LEVEL_UNSET;
@@ -119,6 +120,7 @@ void default_printer(uint32_t level, const char* format, va_list args) {
     return;
   }
   if (g_mutex != nullptr) pthread_mutex_lock(g_mutex);
+  nmb::StderrWrite clear_status_line(stream == stderr);
   std::fputs(prefix, stream);
   std::fputs(level_word(level), stream);
   std::vfprintf(stream, format, args);

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "utils/status_line.h"
+
 namespace nmb {
 
 namespace {
@@ -66,6 +68,7 @@ void OutputBuffer::vprintf(const char* format, va_list args) {
 }
 
 void OutputBuffer::write_out(int fd, const char* data, size_t left) {
+  StderrWrite clear_status_line(fd == STDERR_FILENO);
   while (left > 0) {
     ssize_t written = ::write(fd, data, left);
     if (written < 0) {

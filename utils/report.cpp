@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "utils/output.h"
+#include "utils/status_line.h"
 
 void nmb_report_file_failure(const char* path, const char* format, va_list args) {
   if (nmb::OutputBuffer* capture = nmb::stderr_capture()) {
@@ -12,6 +13,7 @@ void nmb_report_file_failure(const char* path, const char* format, va_list args)
     capture->commit();
     return;
   }
+  nmb::StderrWrite clear_status_line;
   std::fprintf(stderr, "Failed processing file %s: ", path);
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);
