@@ -22,6 +22,11 @@ build/fuzz/fuzz/fuzz_reader -max_total_time="$fuzz_seconds" -timeout=10 -rss_lim
   { tail -n 60 build/fuzz/fuzz.log; echo "fuzz_reader failed; see build/fuzz/fuzz.log" >&2; exit 1; }
 tail -n 1 build/fuzz/fuzz.log
 
+# Package: the Debian package from the Release build, unpacked and checked.
+bash scripts/package_test.sh
+# Recipes: every command of docs/RECIPES.md, run as written (Release build).
+cmake --build build/release -j2 --target nmb_read make_sample >/dev/null && python3 scripts/recipes_test.py build/release
+
 cmake --preset asan >/dev/null
 cmake --build build/asan
 ctest --test-dir build/asan --output-on-failure -j2
