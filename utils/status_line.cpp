@@ -1,5 +1,6 @@
 #include "utils/status_line.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,6 +51,12 @@ void status_line_begin() {
 void status_line_show(std::string_view text) {
   std::lock_guard lock(g_mutex);
   if (!g_in_use.load(std::memory_order_relaxed)) return;
+  // A line that wrapped could not be erased: keep it inside the terminal.
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 &&
+      text.size() >= size.ws_col) {
+    text = text.substr(0, size.ws_col - 1u);
+  }
   std::string line = "\r";
   line.append(text);
   // A shorter line covers what the previous one left.
