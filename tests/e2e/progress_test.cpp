@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -60,11 +61,20 @@ TerminalRun run_on_terminal(const TempDir& dir, const std::vector<std::string>& 
     _exit(127);
   }
   close(slave);
-  {
-    int feed = open(fifo.c_str(), O_WRONLY);  // waits for nmb_read to open it
+  // Opening the FIFO for writing succeeds once nmb_read has opened it (a
+  // bounded wait, so that a tool that never does fails instead of hanging).
+  int feed = -1;
+  for (int tries = 0; feed < 0 && tries < 1000; ++tries) {
+    feed = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (feed < 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_GE(feed, 0) << "nmb_read did not open " << fifo;
+  if (feed >= 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(800));
     EXPECT_EQ(write(feed, data.data(), data.size()), static_cast<ssize_t>(data.size()));
     close(feed);
+  } else {
+    kill(child, SIGKILL);
   }
   char buffer[4096];
   for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;) run.terminal.append(buffer, n);
