@@ -31,7 +31,7 @@ dict_of() {
 }
 
 cmake --preset fuzz >/dev/null
-nice -n 19 cmake --build build/fuzz --target "${targets[@]}" make_fuzz_seeds make_metrics_seeds >/dev/null
+nice -n 19 cmake --build build/fuzz -j2 --target "${targets[@]}" make_fuzz_seeds make_metrics_seeds >/dev/null
 corpus="$PWD/build/fuzz/corpus"
 mkdir -p "$corpus" build/fuzz/logs
 build/fuzz/fuzz/make_fuzz_seeds "$corpus"
