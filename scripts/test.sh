@@ -13,7 +13,7 @@ python3 scripts/check_layers.py
 # each, two at a time): a crash, leak, hang or failed check fails the script
 # and leaves the input in build/fuzz/artifacts/. scripts/fuzz.sh runs them
 # for longer.
-bash scripts/fuzz.sh "${NMB_FUZZ_SECONDS:-20}"
+bash scripts/fuzz.sh "${NMB_FUZZ_SECONDS:-15}"
 
 cmake --preset asan >/dev/null
 cmake --build build/asan
