@@ -49,6 +49,7 @@ uint64_t realtime_microseconds() {
 
 // The content class of a page, for the filter's content list.
 const char* content_class(const DataPage& page, uint64_t filled) {
+  filled = std::min<uint64_t>(filled, page.size());  // an offset past the buffer is cut to it
   if (filled <= NMB_DATA_PAGE_HEADER_SIZE) return "EMPTY";
   uint8_t magic[4] = {};
   std::memcpy(magic, page.data() + NMB_DATA_PAGE_HEADER_SIZE,

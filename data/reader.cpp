@@ -358,6 +358,17 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
     return false;
   }
   uint8_t* const chunk = reader.chunk.get();
+  // Bytes read so far, header included: a file that ends inside a chunk or
+  // before its header's file size is warned about once.
+  uint64_t found = NMB_FILE_HEADER_SIZE;
+  bool truncation_reported = false;
+  auto report_truncation = [&](uint64_t expected) {
+    if (truncation_reported || found >= expected) return;
+    truncation_reported = true;
+    NMB_LOG(NMB_LOG_WARNING, "Data file %s is truncated: %lu bytes expected, %lu bytes found",
+            reader.path, static_cast<unsigned long>(expected), static_cast<unsigned long>(found));
+  };
+  const uint64_t file_size = nmb_header_file_size(reader.header);
 
   for (;;) {
     errno = 0;
@@ -368,7 +379,10 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
               read_error_text(reader.file, reader.path));
       return false;
     }
-    if (n == 0 && gzeof(reader.file)) return true;
+    if (n == 0 && gzeof(reader.file)) {
+      report_truncation(file_size);
+      return true;
+    }
     if (n < 4) {
       NMB_LOG(NMB_LOG_ERROR, "No data block header read from the file %s", reader.path);
       return false;
@@ -379,6 +393,8 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
               read_error_text(reader.file, reader.path));
       return false;
     }
+    found += size;
+    if (size < block_size) report_truncation(std::max(file_size, found - size + block_size));
     bool ok = nmb_classify_block(chunk) == NMB_PAGE_BLOCK
                   ? nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk, size))
                   : nmb_reader_process_block(reader, nmb::ByteView(chunk, size, block_size), false);

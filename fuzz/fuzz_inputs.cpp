@@ -29,7 +29,10 @@ std::string quiet_fuzz_setup(const char* prefix) {
     dup2(null_fd, STDOUT_FILENO);
     close(null_fd);
   }
-  nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
+  // NMB_FUZZ_VERBOSE=1 keeps the log messages on standard error, to see why
+  // a crash input fails.
+  if (std::getenv("NMB_FUZZ_VERBOSE") == nullptr)
+    nmb_register_log_callback(discard_log, NMB_LOG_DEBUG);
 
   std::string pattern = std::string("/dev/shm/") + prefix + ".XXXXXX";
   if (!mkdtemp(pattern.data())) {

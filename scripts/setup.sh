@@ -4,6 +4,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev zlib1g-dev libsnappy-dev libssl-dev
           libboost-dev libdeflate-dev nlohmann-json3-dev libgtest-dev pkg-config
+          valgrind  # scripts/memcheck.sh runs the end-to-end tests under valgrind
           influxdb curl  # the Influx output's end-to-end test writes into a real InfluxDB 1.x
           dpkg-dev file man-db  # the package test: cpack -G DEB with dpkg-shlibdeps, man -l
           jq parallel xz-utils python3)  # the recipes of docs/RECIPES.md

@@ -4,8 +4,6 @@
 // and passed over, and the formats that refuse them.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -64,41 +62,6 @@ TEST_F(MetricsE2E, LastBatchWinsAndBatchLabelsOverrideCommonOnes) {
                    R"("labels":[{"host":"c"}],"metrics":[{"tx":7},{"rx":1.8446744073709552e+19}]})"
                    "\n");
   EXPECT_EQ(r.err, "");
-}
-
-TEST_F(MetricsE2E, LabelsFirstSetByALaterBatchComeAfterTheMetrics) {
-  // Batch 1 names label set 1, which has no names section: no "labels", not
-  // even the common ones.
-  ByteVec block = host_payload()
-                      .batch(Batch(1000).sample(0, 5).labels(LabelsBlock('L', 1).id(0)))
-                      .batch(Batch(2000).sample(0, 6).labels(LabelsBlock('L', 0).id(0)))
-                      .bytes();
-  ByteVec absent =
-      host_payload().batch(Batch(3000).sample(1, 1).labels(LabelsBlock('L', 1).id(0))).bytes();
-  ByteVec empty = host_payload().bytes();
-  RunResult r = run({"-f", "ndjson", write({block, absent, empty})});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out,
-            R"({"timestamp":2000,"@timestamp":"1970-01-01 00:00:00.002","metrics":[{"rx":6}],)"
-            R"("labels":[{"host":"b"}]})"
-            "\n"
-            R"({"timestamp":3000,"@timestamp":"1970-01-01 00:00:00.003","metrics":[{"tx":1}]})"
-            "\n{}\n");
-}
-
-TEST_F(MetricsE2E, CommonLabelsJoinTheBatchLabels) {
-  MetricsPayload p;
-  p.label_names({"dev", "port"}).label_values({"mlx5_0"}).metric_names({"rx"});
-  p.common_labels({{"site", "lab"}, {"dev", "old"}});
-  p.batch(Batch(1).sample(0, 2).labels(LabelsBlock('M', 0).id(0).text("1")));
-  RunResult r = run({"-f", "ndjson", "-u", write({p.bytes()})});
-  ASSERT_EQ(r.status, 0) << r.err;
-  nlohmann::json object = nlohmann::json::parse(r.out);
-  EXPECT_EQ(object["@timestamp"], "1970-01-01 00:00:00.000001");
-  std::multiset<std::string> labels;
-  for (const auto& label : object["labels"]) labels.insert(label.dump());
-  EXPECT_EQ(labels, (std::multiset<std::string>{R"({"dev":"mlx5_0"})", R"({"port":"1"})",
-                                                R"({"site":"lab"})"}));
 }
 
 // Every metrics block counts as a record, printed or not: the json separator

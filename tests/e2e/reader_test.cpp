@@ -149,25 +149,49 @@ TEST_F(ReaderE2E, BlockSizeBounds) {
   }
 }
 
-TEST_F(ReaderE2E, ShortLastChunkIsProcessed) {
-  // Two and a half chunks: the last one stops after its counters block.
+// A short last chunk is still processed (what lies past its end reads the
+// previous chunk's bytes), with one warning naming the bytes expected: the
+// end of the chunk, or the header's file size when that is larger.
+TEST_F(ReaderE2E, TruncatedFilesAreProcessedWithOneWarning) {
   DataFile file = counters_file(64);
   file.chunk(Chunk().counters(kT0, values(1, 2)))
       .chunk(Chunk().counters(kT0 + 1, values(3, 4)))
       .chunk(Chunk().counters(kT0 + 2, values(5, 6)).unpadded());
   std::string path = file.write(dir_.file("short.bin"));
   ASSERT_EQ(read_file(path).size(), 256u + 64 + 64 + 32);
+  const std::string warning =
+      "[warning] Data file " + path + " is truncated: 448 bytes expected, 416 bytes found\n";
 
   auto printed = run({"-p", "-f", "ndjson", path});
   EXPECT_EQ(printed.out, header_print(file.header(), 256 + 160) + data_block_print(kT0) +
                              data_block_print(kT0 + 1) + data_block_print(kT0 + 2));
-  EXPECT_EQ(printed.err, "");
+  EXPECT_EQ(printed.err, warning);
   EXPECT_EQ(printed.status, 0);
 
   auto ndjson = run({"-f", "ndjson", path});
   EXPECT_EQ(ndjson.status, 0);
+  EXPECT_EQ(ndjson.err, warning);
   EXPECT_NE(ndjson.out.find("\"timestamp\":1700000000000002"), std::string::npos);
   EXPECT_NE(ndjson.out.find("\"b\":6"), std::string::npos);
+
+  file.header().file_size = 1000;
+  file.write(path);
+  EXPECT_EQ(
+      run({"-f", "ndjson", path}).err,
+      "[warning] Data file " + path + " is truncated: 1000 bytes expected, 416 bytes found\n");
+
+  // Whole chunks, but fewer than the header's file size says.
+  file.header().file_size = 256 + 64 + 64 + 64 + 64;
+  file.truncate(256 + 128).write(path);
+  auto cut = run({"-f", "ndjson", path});
+  EXPECT_EQ(cut.err,
+            "[warning] Data file " + path + " is truncated: 512 bytes expected, 384 bytes found\n");
+  EXPECT_EQ(cut.status, 0);
+  EXPECT_NE(cut.out.find("\"b\":4"), std::string::npos);
+
+  // A header that claims less than the file holds is no truncation.
+  file.header().file_size = 256;
+  EXPECT_EQ(run({"-f", "ndjson", file.truncate(256 + 128).write(path)}).err, "");
 }
 
 // The file-level time filter skips a file only when both header times lie
@@ -305,6 +329,9 @@ TEST_F(ReaderE2E, HeaderChecksFollowTheVersionRule) {
   refused(DataFile().version(0, 7, 0),
           "Version of data page 0.7.0 is incompatible with Nimbrel version 1.26.3");
   refused(DataFile().file_size(255), "Wrong data file size 255 is less then file header size 256");
+  // The version is checked before the file size.
+  refused(DataFile().version(2, 7, 0).file_size(255),
+          "Version of data page 2.7.0 is incompatible with Nimbrel version 1.26.3");
   refused(DataFile().magic("NMBD"), "Wrong data page magic number.");
   refused(DataFile().magic("XMBF"), "Wrong data page magic number.");
 

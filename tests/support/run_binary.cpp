@@ -6,12 +6,20 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <sstream>
 
 namespace nmb::test {
 
 RunResult run_binary(const std::string& program, const std::vector<std::string>& args,
                      const RunOptions& options) {
   RunResult result;
+  // NMB_TEST_WRAPPER: a command (absolute path, words split at blanks) that
+  // runs the program, e.g. valgrind for scripts/memcheck.sh.
+  std::vector<std::string> wrapper;
+  if (const char* text = std::getenv("NMB_TEST_WRAPPER")) {
+    std::istringstream words(text);
+    for (std::string word; words >> word;) wrapper.push_back(word);
+  }
   int out_pipe[2];
   int err_pipe[2];
   if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return result;
@@ -30,10 +38,11 @@ RunResult run_binary(const std::string& program, const std::vector<std::string>&
     for (const auto& name : options.unset_env) unsetenv(name.c_str());
     for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> argv;
+    for (auto& word : wrapper) argv.push_back(word.data());
     argv.push_back(const_cast<char*>(program.c_str()));
     for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   close(out_pipe[1]);

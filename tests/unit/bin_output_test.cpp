@@ -254,6 +254,18 @@ TEST_F(Writer, UnrecognisedFirstBlockIsDumpedNotWritten) {
             "[warning] [data_writer] type: 3 \n");
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 64) << "1024 bytes, 16 a line";
   EXPECT_TRUE(files().empty());
+
+  // A page shorter than a block magic whose filled offset lies past its
+  // buffer: the offset is cut to the buffer, also for the content class.
+  nmb::DataPage short_page = page(Bytes().text("NMB").vec(), 100, 150, 64);
+  short_page.set_filled(uint64_t{1} << 40);
+  start();
+  testing::internal::CaptureStdout();
+  writer.save_page(short_page, nullptr);
+  nmb::stdout_buffer().flush();
+  testing::internal::GetCapturedStdout();
+  EXPECT_NE(logged().find("Unrecognized type of data page"), std::string::npos);
+  EXPECT_TRUE(files().empty());
 }
 
 TEST_F(Writer, DataSizeLimitRemovesTheOldestFiles) {

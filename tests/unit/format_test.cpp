@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "tests/support/run_binary.h"
 #include "utils/log.h"
 #include "utils/output.h"
 
@@ -23,55 +22,6 @@ Header valid_header(uint8_t major = 1, uint8_t minor = 7, uint16_t patch = 0) {
   nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 256);
   std::memcpy(h.data() + NMB_FH_MAGIC_END, "nmbf", 4);
   return h;
-}
-
-class FileHeaderCheck : public testing::Test {
- protected:
-  void SetUp() override { nmb_init_stderr_logger(NMB_LOG_DEBUG); }
-  void TearDown() override { nmb_logger_reset_for_tests(); }
-  // The check's result and what it logged, without timestamps.
-  std::pair<bool, std::string> check(const Header& h) {
-    testing::internal::CaptureStderr();
-    bool ok = nmb_check_file_header(h.data());
-    return {ok, nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr())};
-  }
-};
-
-TEST_F(FileHeaderCheck, OlderMinorAndAnyPatchAreCompatible) {
-  EXPECT_EQ(check(valid_header(1, 7, 9)), std::make_pair(true, std::string()));
-  EXPECT_EQ(check(valid_header(1, 3, 0)), std::make_pair(true, std::string()));
-  EXPECT_EQ(check(valid_header(1, 0, 65535)).first, true);
-}
-
-TEST_F(FileHeaderCheck, NewerMinorOrOtherMajorIsRefused) {
-  EXPECT_EQ(check(valid_header(1, 8, 0)),
-            std::make_pair(false, std::string("[error] Version of data page 1.8.0 is incompatible "
-                                              "with Nimbrel version 1.26.3\n")));
-  EXPECT_EQ(check(valid_header(2, 0, 0)).first, false);
-  EXPECT_EQ(check(valid_header(0, 7, 0)).first, false);
-}
-
-TEST_F(FileHeaderCheck, MagicIsCheckedButNotTheEndMagic) {
-  Header h = valid_header();
-  std::memcpy(h.data() + NMB_FH_MAGIC_END, "xxxx", 4);
-  EXPECT_TRUE(check(h).first);
-  h = valid_header();
-  h[3] = 'D';
-  EXPECT_EQ(check(h),
-            std::make_pair(false, std::string("[error] Wrong data page magic number.\n")));
-  h = valid_header();
-  h[0] = 'X';
-  EXPECT_FALSE(check(h).first);
-}
-
-TEST_F(FileHeaderCheck, FileSizeBelowTheHeaderIsRefused) {
-  Header h = valid_header();
-  nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 255);
-  EXPECT_EQ(check(h), std::make_pair(false, std::string("[error] Wrong data file size 255 is less "
-                                                        "then file header size 256\n")));
-  // Checked after the version: a bad version is what is reported.
-  h[NMB_FH_VERSION] = 2;
-  EXPECT_NE(check(h).second.find("Version of data page 2.7.0"), std::string::npos);
 }
 
 TEST(BlockClassification, OnlyTheFourthByteCounts) {

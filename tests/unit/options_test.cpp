@@ -74,12 +74,6 @@ TEST(Options, SortOrderIsOnlyTakenWhenAttached) {
   EXPECT_EQ(separate.options.files[0], "source_id");
 }
 
-TEST(Options, UnknownOptionsDoNotStopParsing) {
-  Parsed parsed = parse({"-z", "-s", ".", "-f", "ndjson", "--bogus", "a.bin"});
-  EXPECT_TRUE(parsed.ok);
-  EXPECT_EQ(parsed.options.format, NMB_FORMAT_NDJSON);
-}
-
 TEST(Options, IncludeDefaultsToEverything) {
   EXPECT_EQ(parse({}).options.include, (nmb_string_array_t{"*"}));
   EXPECT_EQ(parse({"-i", "a", "-i", "b"}).options.include, (nmb_string_array_t{"a", "b"}));
