@@ -1,7 +1,9 @@
 #include "utils/output.h"
 
+#include <sys/sendfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -65,7 +67,14 @@ void OutputBuffer::vprintf(const char* format, va_list args) {
   va_end(again);
 }
 
-void OutputBuffer::write_out(int fd, const char* data, size_t left) {
+namespace {
+
+// Once a capture has spilled or gone live it writes in pieces of this size:
+// the bytes are still in cache when they are written, and memory holds one
+// piece instead of the whole cap.
+constexpr size_t kPieceSize = size_t{1} << 20;
+
+void write_out(int fd, const char* data, size_t left) {
   while (left > 0) {
     ssize_t written = ::write(fd, data, left);
     if (written < 0) {
@@ -77,44 +86,74 @@ void OutputBuffer::write_out(int fd, const char* data, size_t left) {
   }
 }
 
-void OutputBuffer::flush() {
-  if (spills_ && live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
-    OutputBuffer live(live_fd_, 0);
-    move_to(live);
-    return;
+// Writes the whole spill file `from` to `fd`: inside the kernel (sendfile)
+// where the target allows it, by reads and writes otherwise (an append-mode
+// target, for one).
+void copy_spill(int from, int fd) {
+  off_t offset = 0;
+  for (;;) {
+    ssize_t sent = ::sendfile(fd, from, &offset, size_t{1} << 30);
+    if (sent > 0) continue;
+    if (sent == 0) return;
+    if (errno == EINTR) continue;
+    if (errno != EINVAL && errno != ENOSYS) return;  // a closed pipe
+    break;
   }
-  if (spills_) {
-    if (text_.empty()) return;
-    if (spill_fd_ < 0) spill_fd_ = make_spill_file();
-    if (spill_fd_ < 0) {
-      threshold_ += threshold_;  // no temporary file: hold on in memory
-      return;
-    }
-    write_out(spill_fd_, text_.data(), text_.size());
-  } else {
-    write_out(fd_, text_.data(), text_.size());
+  std::vector<char> block(size_t{1} << 16);
+  ::lseek(from, offset, SEEK_SET);
+  for (;;) {
+    ssize_t n = ::read(from, block.data(), block.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    write_out(fd, block.data(), static_cast<size_t>(n));
   }
-  text_.clear();
 }
 
-void OutputBuffer::move_to(OutputBuffer& target) {
+}  // namespace
+
+void OutputBuffer::drain_to(int fd) {
   if (spill_fd_ >= 0) {
-    target.flush();
-    std::vector<char> block(size_t{1} << 16);
-    ::lseek(spill_fd_, 0, SEEK_SET);
-    for (;;) {
-      ssize_t n = ::read(spill_fd_, block.data(), block.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      target.text_.append(block.data(), static_cast<size_t>(n));
-      target.flush();
-    }
+    copy_spill(spill_fd_, fd);
     ::close(spill_fd_);
     spill_fd_ = -1;
   }
-  target.text_.append(text_);
+  write_out(fd, text_.data(), text_.size());
   text_.clear();
-  target.commit();
+}
+
+void OutputBuffer::flush() {
+  if (!spills_) {
+    write_out(fd_, text_.data(), text_.size());
+    text_.clear();
+    return;
+  }
+  if (live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
+    drain_to(live_fd_);
+    threshold_ = std::min(threshold_, kPieceSize);
+    return;
+  }
+  if (text_.empty()) return;
+  if (spill_fd_ < 0) spill_fd_ = make_spill_file();
+  if (spill_fd_ < 0) {
+    threshold_ += threshold_;  // no temporary file: hold on in memory
+    return;
+  }
+  write_out(spill_fd_, text_.data(), text_.size());
+  text_.clear();
+  threshold_ = std::min(threshold_, kPieceSize);
+}
+
+void OutputBuffer::move_to(OutputBuffer& target) {
+  // Little taken and nothing spilled: joins the target's buffer, so many
+  // small files still reach the descriptor in few writes.
+  if (spill_fd_ < 0 && text_.size() < target.threshold_) {
+    target.text_.append(text_);
+    text_.clear();
+    target.commit();
+    return;
+  }
+  target.flush();
+  drain_to(target.fd_);
 }
 
 OutputBuffer& stdout_buffer() {

@@ -51,7 +51,8 @@ class OutputBuffer {
   void go_live() { live_.store(true, std::memory_order_release); }
 
  private:
-  void write_out(int fd, const char* data, size_t size);
+  // Writes what was spilled, then what is held, to `fd`; starts empty again.
+  void drain_to(int fd);
 
   int fd_;
   size_t threshold_;
