@@ -1,5 +1,6 @@
 #include "utils/output.h"
 
+#include <fcntl.h>
 #include <sys/sendfile.h>
 #include <unistd.h>
 
@@ -16,13 +17,17 @@ namespace {
 thread_local OutputBuffer* t_stdout_capture = nullptr;
 thread_local OutputBuffer* t_stderr_capture = nullptr;
 
-// An unlinked temporary file in TMPDIR (or /tmp): nothing is left behind
-// whatever ends the process. -1 when none can be made.
+// A temporary file in TMPDIR (or /tmp) without a name (O_TMPFILE), or
+// unlinked as soon as it is made where the file system cannot do that:
+// nothing is left behind whatever ends the process, a signal included.
+// -1 when none can be made.
 int make_spill_file() {
   const char* dir = std::getenv("TMPDIR");
   std::string path = dir != nullptr && dir[0] != '\0' ? dir : "/tmp";
+  int fd = ::open(path.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0) return fd;
   path += "/nmb_read.XXXXXX";
-  int fd = ::mkstemp(path.data());
+  fd = ::mkostemp(path.data(), O_CLOEXEC);
   if (fd >= 0) ::unlink(path.c_str());
   return fd;
 }
