@@ -194,8 +194,8 @@ bool reads_ahead(uint32_t jobs) {
   return read_ahead == nullptr || nmb_env_is_true(read_ahead);
 }
 
-// The per-stream cap of a file waiting for its turn (NMB_JOB_BUFFER_SIZE, in
-// bytes, lets tests make it small).
+// What files waiting for their turn may hold in memory, per thread
+// (NMB_JOB_BUFFER_SIZE, in bytes, lets tests make it small).
 size_t job_buffer_cap() {
   const char* text = std::getenv("NMB_JOB_BUFFER_SIZE");
   uint64_t cap = 0;

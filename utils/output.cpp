@@ -8,6 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace nmb {
@@ -32,6 +35,45 @@ int make_spill_file() {
   return fd;
 }
 
+// Pieces given back after they were written out, kept for the next buffer
+// that holds one: memory handed back to the system and faulted in again for
+// every piece would cost more than the copy a spill file makes. There are
+// never more than the budgets of a run allow to be held at once.
+struct SparePieces {
+  std::mutex mutex;
+  std::vector<std::string> pieces;
+};
+
+SparePieces& spare_pieces() {
+  static SparePieces spare;
+  return spare;
+}
+
+std::string take_piece(size_t capacity) {
+  SparePieces& spare = spare_pieces();
+  {
+    std::lock_guard lock(spare.mutex);
+    if (!spare.pieces.empty()) {
+      std::string piece = std::move(spare.pieces.back());
+      spare.pieces.pop_back();
+      return piece;
+    }
+  }
+  std::string piece;
+  piece.reserve(capacity);
+  return piece;
+}
+
+void give_back_pieces(std::vector<std::string>& pieces) {
+  SparePieces& spare = spare_pieces();
+  std::lock_guard lock(spare.mutex);
+  for (std::string& piece : pieces) {
+    piece.clear();
+    spare.pieces.push_back(std::move(piece));
+  }
+  pieces.clear();
+}
+
 }  // namespace
 
 OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_(flush_threshold) {
@@ -39,10 +81,15 @@ OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_
 }
 
 OutputBuffer::OutputBuffer(Spill spill)
-    : fd_(-1), threshold_(spill.cap), spills_(true), live_fd_(spill.live_fd) {}
+    : fd_(-1),
+      threshold_(spill.cap),
+      spills_(true),
+      live_fd_(spill.live_fd),
+      budget_(spill.budget) {}
 
 OutputBuffer::~OutputBuffer() {
   if (spills_) {
+    release_pieces();
     if (spill_fd_ >= 0) ::close(spill_fd_);
     return;
   }
@@ -116,7 +163,24 @@ void copy_spill(int from, int fd) {
 
 }  // namespace
 
+bool OutputBuffer::take_from_budget(size_t size) {
+  if (budget_ == nullptr) return false;
+  size_t left = budget_->load(std::memory_order_relaxed);
+  do {
+    if (left < size) return false;
+  } while (!budget_->compare_exchange_weak(left, left - size, std::memory_order_relaxed));
+  return true;
+}
+
+void OutputBuffer::release_pieces() {
+  if (held_size_ > 0) budget_->fetch_add(held_size_, std::memory_order_relaxed);
+  give_back_pieces(held_);
+  held_size_ = 0;
+}
+
 void OutputBuffer::drain_to(int fd) {
+  for (const std::string& piece : held_) write_out(fd, piece.data(), piece.size());
+  release_pieces();
   if (spill_fd_ >= 0) {
     copy_spill(spill_fd_, fd);
     ::close(spill_fd_);
@@ -138,6 +202,12 @@ void OutputBuffer::flush() {
     return;
   }
   if (text_.empty()) return;
+  if (spill_fd_ < 0 && take_from_budget(text_.size())) {
+    held_size_ += text_.size();
+    held_.push_back(std::move(text_));
+    text_ = take_piece(threshold_ + threshold_ / 4);
+    return;
+  }
   if (spill_fd_ < 0) spill_fd_ = make_spill_file();
   if (spill_fd_ < 0) {
     threshold_ += threshold_;  // no temporary file: hold on in memory
@@ -151,7 +221,7 @@ void OutputBuffer::flush() {
 void OutputBuffer::move_to(OutputBuffer& target) {
   // Little taken and nothing spilled: joins the target's buffer, so many
   // small files still reach the descriptor in few writes.
-  if (spill_fd_ < 0 && text_.size() < target.threshold_) {
+  if (spill_fd_ < 0 && held_.empty() && text_.size() < target.threshold_) {
     target.text_.append(text_);
     text_.clear();
     target.commit();
