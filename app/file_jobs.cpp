@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,9 @@
 #include <vector>
 
 namespace {
+
+// Buffers write (and hold) their output in pieces of at most this size.
+constexpr size_t kPieceSize = size_t{1} << 20;
 
 // A file done on a worker and waiting for its turn.
 struct FileSlot {
@@ -22,7 +26,11 @@ struct FileSlot {
 class FileJobs {
  public:
   FileJobs(size_t count, uint32_t jobs, size_t cap, const nmb_file_job_t& job)
-      : slots_(count), window_(size_t{2} * jobs), cap_(cap), job_(job) {}
+      : budget_(cap > SIZE_MAX / jobs ? SIZE_MAX : cap * jobs),
+        slots_(count),
+        window_(size_t{2} * jobs),
+        piece_(std::min(cap, kPieceSize)),
+        job_(job) {}
 
   void work() {
     for (;;) {
@@ -36,8 +44,10 @@ class FileJobs {
         index = next_start_++;
       }
       // Standard output goes live when the file's turn comes while it runs.
-      auto out = std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{cap_, STDOUT_FILENO});
-      auto err = std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{cap_});
+      auto out = std::make_unique<nmb::OutputBuffer>(
+          nmb::OutputBuffer::Spill{piece_, STDOUT_FILENO, &budget_});
+      auto err =
+          std::make_unique<nmb::OutputBuffer>(nmb::OutputBuffer::Spill{piece_, -1, &budget_});
       nmb::OutputBuffer& file_out = *out;
       nmb::OutputBuffer& file_err = *err;
       {
@@ -91,6 +101,9 @@ class FileJobs {
   }
 
  private:
+  // What waiting files may hold in memory in all; declared before the slots,
+  // whose buffers give back to it.
+  std::atomic<size_t> budget_;
   std::mutex mutex_;
   std::condition_variable room_;     // a file may start
   std::condition_variable started_;  // a file has its buffers
@@ -99,7 +112,7 @@ class FileJobs {
   size_t next_start_ = 0;
   size_t next_written_ = 0;
   const size_t window_;
-  const size_t cap_;
+  const size_t piece_;
   const nmb_file_job_t& job_;
 };
 

@@ -13,6 +13,7 @@
 #include "app/file_jobs.h"
 #include "app/progress.h"
 #include "data/format.h"
+#include "data/read_ahead.h"
 #include "data/reader.h"
 #include "export/bin_sink.h"
 #include "export/csv_sink.h"
@@ -184,8 +185,18 @@ uint32_t jobs_for(const nmb_read_options_t& options) {
   return options.jobs;
 }
 
-// The per-stream cap of a file waiting for its turn (NMB_JOB_BUFFER_SIZE, in
-// bytes, lets tests make it small).
+// Files run one at a time read ahead on a second thread, unless
+// NMB_READ_AHEAD is false (one thread for everything) or the log lines of
+// that thread could not be held back until their place in the output; files
+// run at once already keep the cores busy.
+bool reads_ahead(uint32_t jobs) {
+  if (jobs > 1 || !nmb_log_lines_capturable()) return false;
+  const char* read_ahead = nmb_getenv("NMB_READ_AHEAD");
+  return read_ahead == nullptr || nmb_env_is_true(read_ahead);
+}
+
+// What files waiting for their turn may hold in memory, per thread
+// (NMB_JOB_BUFFER_SIZE, in bytes, lets tests make it small).
 size_t job_buffer_cap() {
   const char* text = std::getenv("NMB_JOB_BUFFER_SIZE");
   uint64_t cap = 0;
@@ -231,7 +242,9 @@ bool nmb_parse_sort_order(const char* text, nmb_sort_order_t& order) {
 
 int nmb_run(const nmb_read_options_t& options) {
   nmb::OutputBuffer& out = nmb::stdout_buffer();
-  const nmb_reader_settings_t settings = nmb_reader_settings_from(options);
+  const uint32_t jobs = jobs_for(options);
+  nmb_reader_settings_t settings = nmb_reader_settings_from(options);
+  if (reads_ahead(jobs)) settings.walk_chunks = nmb_reader_walk_chunks_ahead;
   const nmb::ExportSettings export_with = nmb_export_settings_from(options);
   std::unique_ptr<nmb::BlockSink> sink = nmb_make_block_sink(options.format, export_with, out);
   sink->begin_run();
@@ -243,7 +256,6 @@ int nmb_run(const nmb_read_options_t& options) {
   } else {
     paths = options.files;
   }
-  const uint32_t jobs = jobs_for(options);
   nmb::RunProgress progress(paths.size());
   if (jobs <= 1) {
     for (size_t i = 0; i < paths.size(); ++i) {

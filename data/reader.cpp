@@ -282,59 +282,118 @@ bool nmb_reader_process_block(nmb_reader_context_t& reader, nmb::ByteView block,
   }
 }
 
-bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk) {
+bool nmb_next_packed_page(std::span<const uint8_t> chunk, size_t& offset,
+                          std::span<const uint8_t>& payload) {
   const uint8_t* data = chunk.data();
   const size_t n = chunk.size();
-  size_t p = 0;
+  const size_t p = offset;
   // A packed page needs magic, the size and stream size fields and a
   // trailer: fewer than 10 bytes can never hold one.
-  while (p < n && n - p >= 10 && nmb_classify_block(data + p) == NMB_PAGE_BLOCK) {
-    const size_t header_size = data[p + 4];
-    const uint64_t stream_size = nmb_load_u32(data + p + 4 + NMB_NMBP_STREAM_SIZE_OFFSET);
-    const uint64_t packed_size =
-        NMB_NMBP_MAGIC_SIZE + header_size + stream_size + NMB_NMBP_TRAILER_SIZE;
-    // A page that does not fit or lacks its trailer ends this chunk quietly.
-    // The whole page, trailer included, must lie inside the chunk: a trailer
-    // reaching past the chunk's end is never read.
-    if (packed_size > n - p) break;
-    const size_t trailer = p + NMB_NMBP_MAGIC_SIZE + header_size + stream_size;
-    if (std::memcmp(data + trailer, "nmbp", 4) != 0) break;
+  if (p >= n || n - p < 10 || nmb_classify_block(data + p) != NMB_PAGE_BLOCK) return false;
+  const size_t header_size = data[p + 4];
+  const uint64_t stream_size = nmb_load_u32(data + p + 4 + NMB_NMBP_STREAM_SIZE_OFFSET);
+  const uint64_t packed_size =
+      NMB_NMBP_MAGIC_SIZE + header_size + stream_size + NMB_NMBP_TRAILER_SIZE;
+  // A page that does not fit or lacks its trailer ends this chunk quietly.
+  // The whole page, trailer included, must lie inside the chunk: a trailer
+  // reaching past the chunk's end is never read.
+  if (packed_size > n - p) return false;
+  const size_t trailer = p + NMB_NMBP_MAGIC_SIZE + header_size + stream_size;
+  if (std::memcmp(data + trailer, "nmbp", 4) != 0) return false;
+  payload = chunk.subspan(p + NMB_NMBP_MAGIC_SIZE, header_size + static_cast<size_t>(stream_size));
+  offset = p + static_cast<size_t>(packed_size);
+  return true;
+}
 
-    std::span<const uint8_t> payload(data + p + NMB_NMBP_MAGIC_SIZE,
-                                     header_size + static_cast<size_t>(stream_size));
-    uint64_t size = nmb_encoded_payload_decoded_size(payload);
-    if (size > NMB_MAX_DECODED_PAGE_SIZE) return allocation_failed(size);
-    const size_t page_size = static_cast<size_t>(size);
-    if (page_size > reader.page_capacity || !reader.page_buffer) {
-      reader.page_buffer.reset();
-      reader.page_capacity = 0;
-      try {
-        // Left unfilled: decoding writes every byte of a page it accepts.
-        reader.page_buffer = std::make_unique_for_overwrite<uint8_t[]>(page_size + 1);
-      } catch (const std::bad_alloc&) {
-        return allocation_failed(size);
-      }
-      reader.page_capacity = page_size;
+bool nmb_decode_packed_page(std::span<const uint8_t> payload, std::unique_ptr<uint8_t[]>& buffer,
+                            size_t& capacity, size_t& page_size) {
+  uint64_t size = nmb_encoded_payload_decoded_size(payload);
+  if (size > NMB_MAX_DECODED_PAGE_SIZE) return allocation_failed(size);
+  page_size = static_cast<size_t>(size);
+  if (page_size > capacity || !buffer) {
+    buffer.reset();
+    capacity = 0;
+    try {
+      // Left unfilled: decoding writes every byte of a page it accepts.
+      buffer = std::make_unique_for_overwrite<uint8_t[]>(page_size + 1);
+    } catch (const std::bad_alloc&) {
+      return allocation_failed(size);
     }
-    uint8_t* const page = reader.page_buffer.get();
-    if (!nmb_decode_payload_into_buffer(payload, page, page_size)) return false;
+    capacity = page_size;
+  }
+  return nmb_decode_payload_into_buffer(payload, buffer.get(), page_size);
+}
 
-    // What follows a piece of the page is the rest of the page; past the
-    // page's end reads give zeros.
-    const nmb::ByteView whole(page, page_size, page_size);
-    if (reader.sink->takes_pages()) {
-      if (!reader.sink->data_page(payload, whole)) return false;
-    } else {
-      const size_t length = nmb_decoded_page_block_length(whole);
-      // An empty decoded page (empty content, or a stream that decodes to
-      // nothing) holds no block; a piece length of 0 would never advance.
-      for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
-        if (!nmb_reader_process_block(reader, whole.from(start).first(length), true)) return false;
-      }
-    }
-    p += static_cast<size_t>(packed_size);
+bool nmb_reader_process_page(nmb_reader_context_t& reader, std::span<const uint8_t> payload,
+                             nmb::ByteView page) {
+  if (reader.sink->takes_pages()) return reader.sink->data_page(payload, page);
+  const size_t page_size = page.size();
+  const size_t length = nmb_decoded_page_block_length(page);
+  // An empty decoded page (empty content, or a stream that decodes to
+  // nothing) holds no block; a piece length of 0 would never advance.
+  for (size_t start = 0; length > 0 && length <= page_size - start; start += length) {
+    if (!nmb_reader_process_block(reader, page.from(start).first(length), true)) return false;
   }
   return true;
+}
+
+bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk) {
+  size_t offset = 0;
+  std::span<const uint8_t> payload;
+  while (nmb_next_packed_page(chunk, offset, payload)) {
+    size_t page_size = 0;
+    if (!nmb_decode_packed_page(payload, reader.page_buffer, reader.page_capacity, page_size))
+      return false;
+    // What follows a piece of the page is the rest of the page; past the
+    // page's end reads give zeros.
+    const nmb::ByteView page(reader.page_buffer.get(), page_size, page_size);
+    if (!nmb_reader_process_page(reader, payload, page)) return false;
+  }
+  return true;
+}
+
+namespace {
+
+// Warns once per file that it ends before `expected` bytes.
+void report_truncation(nmb_reader_context_t& reader, uint64_t expected) {
+  if (reader.truncation_reported || reader.bytes_found >= expected) return;
+  reader.truncation_reported = true;
+  NMB_LOG(NMB_LOG_WARNING, "Data file %s is truncated: %lu bytes expected, %lu bytes found",
+          reader.path, static_cast<unsigned long>(expected),
+          static_cast<unsigned long>(reader.bytes_found));
+}
+
+}  // namespace
+
+nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* chunk, size_t& size) {
+  const uint32_t block_size = nmb_header_block_size(reader.header);
+  errno = 0;
+  int n = gzread(reader.file, chunk, block_size);
+  if (n < 0 || (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
+            read_error_text(reader.file, reader.path));
+    return NMB_CHUNK_FAILED;
+  }
+  if (n == 0 && gzeof(reader.file)) {
+    report_truncation(reader, nmb_header_file_size(reader.header));
+    return NMB_CHUNK_END;
+  }
+  if (n < 4) {
+    NMB_LOG(NMB_LOG_ERROR, "No data block header read from the file %s", reader.path);
+    return NMB_CHUNK_FAILED;
+  }
+  size = static_cast<size_t>(n);
+  if (size < block_size && !gzeof(reader.file)) {
+    NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
+            read_error_text(reader.file, reader.path));
+    return NMB_CHUNK_FAILED;
+  }
+  reader.bytes_found += size;
+  if (size < block_size) {
+    report_truncation(reader, std::max(nmb_header_file_size(reader.header),
+                                       reader.bytes_found - size + block_size));
+  }
+  return NMB_CHUNK_READ;
 }
 
 bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
@@ -349,57 +408,33 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
     NMB_LOG(NMB_LOG_DEBUG, "File content is out of date range");
     return true;
   }
+  return settings.walk_chunks != nullptr ? settings.walk_chunks(reader)
+                                         : nmb_reader_walk_chunks(reader);
+}
 
+bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
   const uint32_t block_size = nmb_header_block_size(reader.header);
   reader.chunk.reset(static_cast<uint8_t*>(std::calloc(block_size, 1)));
   if (!reader.chunk) {
-    NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %u: %s", block_size,
-            std::strerror(ENOMEM));
+    nmb_reader_chunk_allocation_failed(block_size);
     return false;
   }
   uint8_t* const chunk = reader.chunk.get();
-  // Bytes read so far, header included: a file that ends inside a chunk or
-  // before its header's file size is warned about once.
-  uint64_t found = NMB_FILE_HEADER_SIZE;
-  bool truncation_reported = false;
-  auto report_truncation = [&](uint64_t expected) {
-    if (truncation_reported || found >= expected) return;
-    truncation_reported = true;
-    NMB_LOG(NMB_LOG_WARNING, "Data file %s is truncated: %lu bytes expected, %lu bytes found",
-            reader.path, static_cast<unsigned long>(expected), static_cast<unsigned long>(found));
-  };
-  const uint64_t file_size = nmb_header_file_size(reader.header);
 
   for (;;) {
-    errno = 0;
-    int n = gzread(reader.file, chunk, block_size);
-    if (n < 0 ||
-        (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
-      NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
-              read_error_text(reader.file, reader.path));
-      return false;
-    }
-    if (n == 0 && gzeof(reader.file)) {
-      report_truncation(file_size);
-      return true;
-    }
-    if (n < 4) {
-      NMB_LOG(NMB_LOG_ERROR, "No data block header read from the file %s", reader.path);
-      return false;
-    }
-    const size_t size = static_cast<size_t>(n);
-    if (size < block_size && !gzeof(reader.file)) {
-      NMB_LOG(NMB_LOG_ERROR, "Failed to read data file %s: %s", reader.path,
-              read_error_text(reader.file, reader.path));
-      return false;
-    }
-    found += size;
-    if (size < block_size) report_truncation(std::max(file_size, found - size + block_size));
+    size_t size = 0;
+    const nmb_chunk_read_t read = nmb_reader_read_chunk(reader, chunk, size);
+    if (read != NMB_CHUNK_READ) return read == NMB_CHUNK_END;
     bool ok = nmb_classify_block(chunk) == NMB_PAGE_BLOCK
                   ? nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk, size))
                   : nmb_reader_process_block(reader, nmb::ByteView(chunk, size, block_size), false);
     if (!ok) return false;
   }
+}
+
+void nmb_reader_chunk_allocation_failed(size_t size) {
+  NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %u: %s",
+          static_cast<unsigned>(size), std::strerror(ENOMEM));
 }
 
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,

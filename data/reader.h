@@ -18,6 +18,8 @@
 struct nmb_type_system_t;  // data/type_system.h
 struct gzFile_s;           // zlib's file handle; <zlib.h> stays out of this header
 
+struct nmb_reader_context_t;
+
 // What the reader takes from the command line.
 struct nmb_reader_settings_t {
   std::string schema_path = "schema";
@@ -28,6 +30,9 @@ struct nmb_reader_settings_t {
   bool print_headers = false;
   uint64_t timestamp_gt = 0;
   uint64_t timestamp_lt = UINT64_MAX;
+  // Walks the chunks after the header when set (the read-ahead walk of
+  // data/read_ahead); nullptr walks them on the calling thread.
+  bool (*walk_chunks)(nmb_reader_context_t& reader) = nullptr;
 };
 
 struct nmb_free_deleter {
@@ -51,6 +56,10 @@ struct nmb_reader_context_t {  // one per data file
   // only what was decoded, not the claimed size.
   std::unique_ptr<uint8_t[]> page_buffer;
   size_t page_capacity = 0;
+  // Bytes read so far, header included, and whether a file that ends inside
+  // a chunk or before its header's file size has been warned about.
+  uint64_t bytes_found = NMB_FILE_HEADER_SIZE;
+  bool truncation_reported = false;
 
   nmb_reader_context_t();
   nmb_reader_context_t(const nmb_reader_context_t&) = delete;
@@ -77,8 +86,30 @@ bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
 // skipped) and the header's counters schema id, under the -C/-F rules, and
 // tells the sink.
 bool nmb_reader_load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t count);
-// Walks the chunks after the header.
+// Walks the chunks after the header, through the settings' walk when set.
 bool nmb_reader_process_chunks(nmb_reader_context_t& reader);
+// Walks the chunks on the calling thread.
+bool nmb_reader_walk_chunks(nmb_reader_context_t& reader);
+// Reading one chunk: read (`size` bytes), the end of the file, or a failure
+// (logged).
+enum nmb_chunk_read_t { NMB_CHUNK_READ, NMB_CHUNK_END, NMB_CHUNK_FAILED };
+// Reads the next chunk of at most the header's block size into `chunk`.
+nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* chunk, size_t& size);
+// Logs that a chunk buffer of `size` bytes could not be allocated.
+void nmb_reader_chunk_allocation_failed(size_t size);
+// The payload of the packed page at `offset` of a page chunk, and `offset`
+// moved past the page; false where the chunk's pages end (quietly: a page
+// that does not fit or lacks its trailer ends the chunk).
+bool nmb_next_packed_page(std::span<const uint8_t> chunk, size_t& offset,
+                          std::span<const uint8_t>& payload);
+// Decodes a page's payload into `buffer`, made larger when `capacity` is
+// short of the page's `page_size`; false (logged) when it cannot.
+bool nmb_decode_packed_page(std::span<const uint8_t> payload, std::unique_ptr<uint8_t[]>& buffer,
+                            size_t& capacity, size_t& page_size);
+// Hands a decoded page to the sink: whole to a sink that takes pages, its
+// blocks one by one otherwise.
+bool nmb_reader_process_page(nmb_reader_context_t& reader, std::span<const uint8_t> payload,
+                             nmb::ByteView page);
 // Walks the packed pages of one page chunk and dispatches their blocks.
 bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk);
 // The size of the blocks a decoded page holds: a page of counters blocks is

@@ -164,6 +164,23 @@ void nmb_log(uint32_t level, const char* format, ...) {
   va_end(args);
 }
 
+bool nmb_log_lines_capturable() {
+  return nmb_get_log_callback() == nullptr && g_mode == NMB_LOGGER_STDERR && g_stream == stderr;
+}
+
+void nmb_log_write_captured(std::string_view lines) {
+  if (lines.empty()) return;
+  if (nmb::OutputBuffer* capture = nmb::stderr_capture()) {
+    capture->write(lines);
+    capture->commit();
+    return;
+  }
+  if (g_mutex != nullptr) pthread_mutex_lock(g_mutex);
+  std::fwrite(lines.data(), 1, lines.size(), stderr);
+  std::fflush(stderr);
+  if (g_mutex != nullptr) pthread_mutex_unlock(g_mutex);
+}
+
 bool nmb_init_stderr_logger(uint32_t level) {
   if (g_registered) {
     NMB_LOG(NMB_LOG_DEBUG, "[logger] [%s] registered logger cannot initialize logger",

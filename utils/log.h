@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <string_view>
 
 // Levels in the system-log numbering.
 enum : uint32_t {
@@ -72,6 +73,12 @@ nmb_log_callback_t nmb_get_log_callback();
 // Empty when the snapshot cannot be allocated.
 std::unique_ptr<nmb_logger_config_t> nmb_export_logger_config();
 bool nmb_adopt_logger_config(const nmb_logger_config_t* config);
+
+// True when log lines go to standard error through this logger, where the
+// lines a thread logs can be captured (nmb::ThreadCapture) and written later.
+bool nmb_log_lines_capturable();
+// Writes lines logged earlier and captured, as they were formatted then.
+void nmb_log_write_captured(std::string_view lines);
 
 // Logs `length` bytes at debug level, 16 to a line, when debug is on.
 void nmb_log_hex_dump(const void* data, size_t length);

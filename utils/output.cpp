@@ -1,10 +1,16 @@
 #include "utils/output.h"
 
+#include <fcntl.h>
+#include <sys/sendfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "utils/status_line.h"
@@ -16,15 +22,58 @@ namespace {
 thread_local OutputBuffer* t_stdout_capture = nullptr;
 thread_local OutputBuffer* t_stderr_capture = nullptr;
 
-// An unlinked temporary file in TMPDIR (or /tmp): nothing is left behind
-// whatever ends the process. -1 when none can be made.
+// A temporary file in TMPDIR (or /tmp) without a name (O_TMPFILE), or
+// unlinked as soon as it is made where the file system cannot do that:
+// nothing is left behind whatever ends the process, a signal included.
+// -1 when none can be made.
 int make_spill_file() {
   const char* dir = std::getenv("TMPDIR");
   std::string path = dir != nullptr && dir[0] != '\0' ? dir : "/tmp";
+  int fd = ::open(path.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0) return fd;
   path += "/nmb_read.XXXXXX";
-  int fd = ::mkstemp(path.data());
+  fd = ::mkostemp(path.data(), O_CLOEXEC);
   if (fd >= 0) ::unlink(path.c_str());
   return fd;
+}
+
+// Pieces given back after they were written out, kept for the next buffer
+// that holds one: memory handed back to the system and faulted in again for
+// every piece would cost more than the copy a spill file makes. There are
+// never more than the budgets of a run allow to be held at once.
+struct SparePieces {
+  std::mutex mutex;
+  std::vector<std::string> pieces;
+};
+
+SparePieces& spare_pieces() {
+  static SparePieces spare;
+  return spare;
+}
+
+std::string take_piece(size_t capacity) {
+  SparePieces& spare = spare_pieces();
+  {
+    std::lock_guard lock(spare.mutex);
+    if (!spare.pieces.empty()) {
+      std::string piece = std::move(spare.pieces.back());
+      spare.pieces.pop_back();
+      return piece;
+    }
+  }
+  std::string piece;
+  piece.reserve(capacity);
+  return piece;
+}
+
+void give_back_pieces(std::vector<std::string>& pieces) {
+  SparePieces& spare = spare_pieces();
+  std::lock_guard lock(spare.mutex);
+  for (std::string& piece : pieces) {
+    piece.clear();
+    spare.pieces.push_back(std::move(piece));
+  }
+  pieces.clear();
 }
 
 }  // namespace
@@ -34,10 +83,15 @@ OutputBuffer::OutputBuffer(int fd, size_t flush_threshold) : fd_(fd), threshold_
 }
 
 OutputBuffer::OutputBuffer(Spill spill)
-    : fd_(-1), threshold_(spill.cap), spills_(true), live_fd_(spill.live_fd) {}
+    : fd_(-1),
+      threshold_(spill.cap),
+      spills_(true),
+      budget_(spill.budget),
+      live_fd_(spill.live_fd) {}
 
 OutputBuffer::~OutputBuffer() {
   if (spills_) {
+    release_pieces();
     if (spill_fd_ >= 0) ::close(spill_fd_);
     return;
   }
@@ -67,7 +121,14 @@ void OutputBuffer::vprintf(const char* format, va_list args) {
   va_end(again);
 }
 
-void OutputBuffer::write_out(int fd, const char* data, size_t left) {
+namespace {
+
+// Once a capture has spilled or gone live it writes in pieces of this size:
+// the bytes are still in cache when they are written, and memory holds one
+// piece instead of the whole cap.
+constexpr size_t kPieceSize = size_t{1} << 20;
+
+void write_out(int fd, const char* data, size_t left) {
   StderrWrite clear_status_line(fd == STDERR_FILENO);
   while (left > 0) {
     ssize_t written = ::write(fd, data, left);
@@ -80,44 +141,100 @@ void OutputBuffer::write_out(int fd, const char* data, size_t left) {
   }
 }
 
-void OutputBuffer::flush() {
-  if (spills_ && live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
-    OutputBuffer live(live_fd_, 0);
-    move_to(live);
-    return;
-  }
-  if (spills_) {
-    if (text_.empty()) return;
-    if (spill_fd_ < 0) spill_fd_ = make_spill_file();
-    if (spill_fd_ < 0) {
-      threshold_ += threshold_;  // no temporary file: hold on in memory
-      return;
+// Writes the whole spill file `from` to `fd`: inside the kernel (sendfile)
+// where the target allows it, by reads and writes otherwise (an append-mode
+// target, for one).
+void copy_spill(int from, int fd) {
+  off_t offset = 0;
+  {
+    StderrWrite clear_status_line(fd == STDERR_FILENO);
+    for (;;) {
+      ssize_t sent = ::sendfile(fd, from, &offset, size_t{1} << 30);
+      if (sent > 0) continue;
+      if (sent == 0) return;
+      if (errno == EINTR) continue;
+      if (errno != EINVAL && errno != ENOSYS) return;  // a closed pipe
+      break;
     }
-    write_out(spill_fd_, text_.data(), text_.size());
-  } else {
-    write_out(fd_, text_.data(), text_.size());
   }
-  text_.clear();
+  std::vector<char> block(size_t{1} << 16);
+  ::lseek(from, offset, SEEK_SET);
+  for (;;) {
+    ssize_t n = ::read(from, block.data(), block.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    write_out(fd, block.data(), static_cast<size_t>(n));
+  }
 }
 
-void OutputBuffer::move_to(OutputBuffer& target) {
+}  // namespace
+
+bool OutputBuffer::take_from_budget(size_t size) {
+  if (budget_ == nullptr) return false;
+  size_t left = budget_->load(std::memory_order_relaxed);
+  do {
+    if (left < size) return false;
+  } while (!budget_->compare_exchange_weak(left, left - size, std::memory_order_relaxed));
+  return true;
+}
+
+void OutputBuffer::release_pieces() {
+  if (held_size_ > 0) budget_->fetch_add(held_size_, std::memory_order_relaxed);
+  give_back_pieces(held_);
+  held_size_ = 0;
+}
+
+void OutputBuffer::drain_to(int fd) {
+  for (const std::string& piece : held_) write_out(fd, piece.data(), piece.size());
+  release_pieces();
   if (spill_fd_ >= 0) {
-    target.flush();
-    std::vector<char> block(size_t{1} << 16);
-    ::lseek(spill_fd_, 0, SEEK_SET);
-    for (;;) {
-      ssize_t n = ::read(spill_fd_, block.data(), block.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      target.text_.append(block.data(), static_cast<size_t>(n));
-      target.flush();
-    }
+    copy_spill(spill_fd_, fd);
     ::close(spill_fd_);
     spill_fd_ = -1;
   }
-  target.text_.append(text_);
+  write_out(fd, text_.data(), text_.size());
   text_.clear();
-  target.commit();
+}
+
+void OutputBuffer::flush() {
+  if (!spills_) {
+    write_out(fd_, text_.data(), text_.size());
+    text_.clear();
+    return;
+  }
+  if (live_fd_ >= 0 && live_.load(std::memory_order_acquire)) {
+    drain_to(live_fd_);
+    threshold_ = std::min(threshold_, kPieceSize);
+    return;
+  }
+  if (text_.empty()) return;
+  if (spill_fd_ < 0 && take_from_budget(text_.size())) {
+    held_size_ += text_.size();
+    held_.push_back(std::move(text_));
+    text_ = take_piece(threshold_ + threshold_ / 4);
+    return;
+  }
+  if (spill_fd_ < 0) spill_fd_ = make_spill_file();
+  if (spill_fd_ < 0) {
+    threshold_ += threshold_;  // no temporary file: hold on in memory
+    return;
+  }
+  write_out(spill_fd_, text_.data(), text_.size());
+  text_.clear();
+  threshold_ = std::min(threshold_, kPieceSize);
+}
+
+void OutputBuffer::move_to(OutputBuffer& target) {
+  // Little taken and nothing spilled: joins the target's buffer, so many
+  // small files still reach the descriptor in few writes.
+  if (spill_fd_ < 0 && held_.empty() && text_.size() < target.threshold_) {
+    target.text_.append(text_);
+    text_.clear();
+    target.commit();
+    return;
+  }
+  target.flush();
+  drain_to(target.fd_);
 }
 
 OutputBuffer& stdout_buffer() {

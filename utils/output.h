@@ -12,19 +12,23 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nmb {
 
 class OutputBuffer {
  public:
   explicit OutputBuffer(int fd, size_t flush_threshold = size_t{1} << 20);
-  // A buffer that keeps up to `cap` bytes and spills the rest, at record
-  // boundaries, to a temporary file (removed as soon as it is created).
-  // Once `live` is asked for, what is spilled and what comes after it goes
-  // straight to `live_fd` instead.
+  // A buffer of a file waiting for its turn: it writes in pieces of `cap`
+  // bytes at record boundaries, each held in memory while `budget` (shared
+  // by the buffers of a run, in bytes) has room and, once it has not, moved
+  // with everything after it to a temporary file that has no name. Once
+  // `live` is asked for, what is held and spilled and what comes after it
+  // goes straight to `live_fd` instead. Without a budget nothing is held.
   struct Spill {
     size_t cap;
     int live_fd = -1;
+    std::atomic<size_t>* budget = nullptr;
   };
   explicit OutputBuffer(Spill spill);
   ~OutputBuffer();
@@ -47,17 +51,26 @@ class OutputBuffer {
   // first) to `target`, in order, and starts empty again.
   void move_to(OutputBuffer& target);
   bool spilled() const { return spill_fd_ >= 0; }
+  bool holds_pieces() const { return !held_.empty(); }
   // From any thread: the buffer's turn has come (everything before it is out).
   void go_live() { live_.store(true, std::memory_order_release); }
 
  private:
-  void write_out(int fd, const char* data, size_t size);
+  // Writes the pieces held, what was spilled and what the buffer holds to
+  // `fd`; starts empty again.
+  void drain_to(int fd);
+  // Takes `size` bytes from the budget; false when it has not that many.
+  bool take_from_budget(size_t size);
+  void release_pieces();
 
   int fd_;
   size_t threshold_;
   std::string text_;
   bool spills_ = false;
   int spill_fd_ = -1;
+  std::atomic<size_t>* budget_ = nullptr;
+  std::vector<std::string> held_;  // pieces held in memory, before any spilled byte
+  size_t held_size_ = 0;
   int live_fd_ = -1;
   std::atomic<bool> live_{false};
 };

@@ -117,4 +117,53 @@ INSTANTIATE_TEST_SUITE_P(Formats, Jobs,
                                   (std::get<1>(info.param) ? "_sorted" : "");
                          });
 
+// Reading ahead on a second thread writes what the walk on one thread
+// writes, also where a page cannot be decoded, a page holds a block that
+// fails the file (the pages decoded past it are dropped with their log
+// lines), and a whole-file gzip of many small chunks is cut short.
+TEST(ReadAhead, WritesWhatOneThreadWrites) {
+  TempDir dir;
+  CountersSchema schema;
+  schema.group(CounterGroup("g").counter("a"));
+  SchemaId id = write_schema_file(dir.file("schema"), schema);
+  auto counters = [](uint64_t i) { return Chunk().counters(1700000000000000 + i, Bytes().u64(i)); };
+  auto page = [&](char encoding, uint64_t i) {
+    return PackedPage(encoding).content(counters(i).bytes(64));
+  };
+  auto bad_stream = [&](uint64_t i) { return page('G', i).stream(Bytes().text("not gzip")); };
+  auto unknown_block = PackedPage('S').content(Bytes().text("XXXXXXXXXXXXXXXX"));
+  auto file = [&] { return std::move(DataFile().block_size(1024).counters_schema(id)); };
+
+  std::vector<std::string> args = {"-v", "7", "-p", "-s", dir.file("schema"), "-f", "ndjson"};
+  DataFile undecodable = file();
+  undecodable.chunk(Chunk().page(page('G', 0)).page(page('S', 1)).page(bad_stream(2)))
+      .chunk(Chunk().page(page('G', 3)));
+  args.push_back(undecodable.write(dir.file("undecodable.bin")));
+  DataFile failing_block = file();
+  failing_block.chunk(Chunk().page(page('S', 0)).page(unknown_block).page(bad_stream(1)))
+      .chunk(Chunk().page(bad_stream(2)));
+  args.push_back(failing_block.write(dir.file("failing_block.bin")));
+  DataFile small_chunks;
+  small_chunks.block_size(256).counters_schema(id);
+  for (uint64_t i = 0; i < 3000; ++i) small_chunks.chunk(counters(i));
+  small_chunks.chunk(Chunk().page(page('G', 3000)).page(page('S', 3001)));
+  small_chunks.chunk(counters(3002).size(20));  // a short last chunk
+  ByteVec whole = small_chunks.bytes();
+  write_file(dir.file("short_last.bin"), whole);
+  args.push_back(dir.file("short_last.bin"));
+  ByteVec gzipped = small_chunks.gzipped().bytes();
+  write_file(dir.file("cut.bin"), ByteVec(gzipped.begin(), gzipped.begin() + gzipped.size() / 2));
+  args.push_back(dir.file("cut.bin"));
+
+  RunOptions one_thread;
+  one_thread.env = {{"NMB_READ_AHEAD", "0"}};
+  RunResult one = run_binary(NMB_READ_BINARY, args, one_thread);
+  RunResult ahead = run_binary(NMB_READ_BINARY, args);
+  EXPECT_EQ(one.status, 1);
+  EXPECT_EQ(ahead.status, one.status);
+  EXPECT_EQ(ahead.out, one.out);
+  EXPECT_EQ(without_schema_addresses(strip_log_timestamps(ahead.err)),
+            without_schema_addresses(strip_log_timestamps(one.err)));
+}
+
 }  // namespace

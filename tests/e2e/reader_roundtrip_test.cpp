@@ -128,7 +128,9 @@ TEST(ReaderRoundTrip, RandomLayoutsExportTheValuesTheyWereBuiltFrom) {
     RunResult result = run_binary(NMB_READ_BINARY, {"-s", schema_dir, "-f", "ndjson", path});
     ASSERT_EQ(result.status, 0) << result.err;
     // A short last chunk is warned about; nothing else may be said.
-    if (result.err.find(" is truncated: ") == std::string::npos) EXPECT_EQ(result.err, "");
+    if (result.err.find(" is truncated: ") == std::string::npos) {
+      EXPECT_EQ(result.err, "");
+    }
     std::istringstream lines(result.out);
     std::string line;
     size_t n = 0;
