@@ -65,7 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       page.set_version(in.ConsumeBool() ? 1 : in.ConsumeIntegral<uint8_t>(),
                        in.ConsumeBool() ? 7 : in.ConsumeIntegral<uint8_t>());
       page.set_filled(in.ConsumeBool() ? page.size() : in.ConsumeIntegral<uint64_t>());
-      page.set_block_size(in.ConsumeBool() ? 256 : in.ConsumeIntegral<uint32_t>());
+      // The tool takes the block size of the input file, below 120 MiB;
+      // within 64 KiB the files stay small.
+      page.set_block_size(in.ConsumeBool() ? 256 : in.ConsumeIntegralInRange<uint32_t>(0, 65536));
       const uint64_t first = 1700000000000000 + in.ConsumeIntegralInRange<uint64_t>(0, 1 << 24);
       page.set_times(in.ConsumeBool() ? first : in.ConsumeIntegral<uint64_t>(),
                      first + in.ConsumeIntegralInRange<uint64_t>(0, 1 << 20));
