@@ -1,7 +1,9 @@
-// libFuzzer target: -j against -j 1. The input is cut into up to six data
-// files at each "NMBSPLIT"; the run over them with -j 1, -j 2 and -j 3 must
-// write the same standard output and count the same failures, in every
-// output format but bin (which runs one file at a time whatever -j says).
+// libFuzzer target: runs that use more than one thread against one thread.
+// The input is cut into up to six data files at each "NMBSPLIT"; the run over
+// them on one thread, reading ahead, and with -j 2 and -j 3 must write the
+// same standard output and standard error and count the same failures, in
+// every output format but bin (which runs one file at a time whatever -j
+// says).
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,26 +16,45 @@
 #include "app/options.h"
 #include "app/run.h"
 #include "fuzz/fuzz_inputs.h"
+#include "utils/log.h"
 #include "utils/output.h"
 
 namespace {
 
 std::string g_dir;
-int g_capture = -1;  // memfd that standard output is pointed at during a run
+// memfds that standard output and standard error are pointed at during a run
+int g_out = -1;
+int g_err = -1;
 
-// Standard output of one run, and its failure count.
-std::pair<std::string, int> run_captured(const nmb_read_options_t& options) {
-  const int saved = dup(STDOUT_FILENO);
-  if (ftruncate(g_capture, 0) != 0 || lseek(g_capture, 0, SEEK_SET) != 0) std::abort();
-  dup2(g_capture, STDOUT_FILENO);
-  const int failed = nmb_run(options);
+std::string take_text(int fd) {
+  std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+  if (pread(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) std::abort();
+  if (ftruncate(fd, 0) != 0 || lseek(fd, 0, SEEK_SET) != 0) std::abort();
+  return text;
+}
+
+struct RunResult {
+  std::string out;
+  std::string err;
+  int failed = 0;
+  bool operator==(const RunResult&) const = default;
+};
+
+RunResult run_captured(const nmb_read_options_t& options) {
+  const int saved_out = dup(STDOUT_FILENO);
+  const int saved_err = dup(STDERR_FILENO);
+  dup2(g_out, STDOUT_FILENO);
+  dup2(g_err, STDERR_FILENO);
+  RunResult result;
+  result.failed = nmb_run(options);
   nmb::stdout_buffer().flush();
-  dup2(saved, STDOUT_FILENO);
-  close(saved);
-  std::string text(static_cast<size_t>(lseek(g_capture, 0, SEEK_END)), '\0');
-  if (pread(g_capture, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
-    std::abort();
-  return {text, failed};
+  dup2(saved_out, STDOUT_FILENO);
+  dup2(saved_err, STDERR_FILENO);
+  close(saved_out);
+  close(saved_err);
+  result.out = take_text(g_out);
+  result.err = take_text(g_err);
+  return result;
 }
 
 }  // namespace
@@ -41,8 +62,13 @@ std::pair<std::string, int> run_captured(const nmb_read_options_t& options) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_dir = nmb::fuzz::quiet_fuzz_setup("nmb_fuzz_jobs");
   nmb::fuzz::write_fuzz_schemas(g_dir + "/schema");
-  g_capture = memfd_create("nmb_fuzz_jobs", 0);
-  if (g_capture < 0) std::abort();
+  // Log lines go to standard error (captured per run), where reading ahead
+  // and -j must keep them in the one-thread order.
+  nmb_register_log_callback(nullptr, NMB_LOG_INFO);
+  nmb_init_stderr_logger(NMB_LOG_INFO);
+  g_out = memfd_create("nmb_fuzz_jobs_out", 0);
+  g_err = memfd_create("nmb_fuzz_jobs_err", 0);
+  if (g_out < 0 || g_err < 0) std::abort();
   return 0;
 }
 
@@ -70,7 +96,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rest.remove_prefix(cut + 8);
   }
   options.jobs = 1;
-  const auto one = run_captured(options);
+  setenv("NMB_READ_AHEAD", "0", 1);
+  const RunResult one = run_captured(options);
+  unsetenv("NMB_READ_AHEAD");
+  if (run_captured(options) != one) std::abort();
   for (uint32_t jobs : {2u, 3u}) {
     options.jobs = jobs;
     if (run_captured(options) != one) std::abort();
