@@ -112,8 +112,8 @@ char* quoted(char* at, Format&& format) {
 }  // namespace
 
 template <bool kInBounds>
-char* nmb_counter_value_write(char* at, const nmb_counter_render_t& r, const nmb::ByteView& values,
-                              bool guid_switch) {
+char* nmb_counter_value_write_any(char* at, const nmb_counter_render_t& r,
+                                  const nmb::ByteView& values, bool guid_switch) {
   const Kind kind = guid_switch && r.guid_switched ? Kind::kHex : r.kind;
   switch (kind) {
     case Kind::kUnsignedNumber:
@@ -160,10 +160,10 @@ char* nmb_counter_value_write(char* at, const nmb_counter_render_t& r, const nmb
   return nullptr;
 }
 
-template char* nmb_counter_value_write<true>(char*, const nmb_counter_render_t&,
-                                             const nmb::ByteView&, bool);
-template char* nmb_counter_value_write<false>(char*, const nmb_counter_render_t&,
-                                              const nmb::ByteView&, bool);
+template char* nmb_counter_value_write_any<true>(char*, const nmb_counter_render_t&,
+                                                 const nmb::ByteView&, bool);
+template char* nmb_counter_value_write_any<false>(char*, const nmb_counter_render_t&,
+                                                  const nmb::ByteView&, bool);
 
 bool nmb_counter_value_to_json(nmb::JsonWriter& w, const nmb_counter_render_t& render,
                                const nmb::ByteView& values) {

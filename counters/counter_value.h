@@ -4,14 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "counters/counters_schema.h"
 #include "data/bytes.h"
-
-namespace nmb {
-class JsonWriter;
-}
+#include "utils/json_writer.h"
 
 enum class nmb_counter_render_kind_t : uint8_t {
   kUnsignedNumber,     // 64-bit unsigned as a number
@@ -56,8 +54,20 @@ size_t nmb_counter_value_room(const nmb_counter_render_t& render, const nmb::Byt
 // values area is readable up to nmb_counter_value_end, so fixed-size values
 // are read without a check each.
 template <bool kInBounds>
-char* nmb_counter_value_write(char* at, const nmb_counter_render_t& render,
-                              const nmb::ByteView& values, bool guid_switch);
+char* nmb_counter_value_write_any(char* at, const nmb_counter_render_t& render,
+                                  const nmb::ByteView& values, bool guid_switch);
+
+// The same, with plain numbers written inline (most counters are).
+template <bool kInBounds>
+inline char* nmb_counter_value_write(char* at, const nmb_counter_render_t& render,
+                                     const nmb::ByteView& values, bool guid_switch) {
+  if (kInBounds && render.kind == nmb_counter_render_kind_t::kUnsignedNumber) {
+    uint64_t value;
+    std::memcpy(&value, values.data() + render.offset, sizeof value);
+    return nmb::json_write_unsigned_as_number(at, value);
+  }
+  return nmb_counter_value_write_any<kInBounds>(at, render, values, guid_switch);
+}
 
 // The value through a writer (the counter sets that are not written in one
 // pass); false when it cannot be a JSON value.

@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev zlib1g-dev libsnappy-dev libssl-dev
           libboost-dev libdeflate-dev nlohmann-json3-dev libgtest-dev pkg-config
-          influxdb curl)  # the Influx output's end-to-end test writes into a real InfluxDB 1.x
+          influxdb curl  # the Influx output's end-to-end test writes into a real InfluxDB 1.x
+          libcjson-dev time bc)  # the benchmark's DOM-per-record baseline, peak RSS, its arithmetic
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -28,7 +28,8 @@ void json_append_escaped(std::string& out, std::string_view text);
 std::string json_escape_key(std::string_view key);
 
 // Room that json_write_number needs at its destination.
-inline constexpr size_t kJsonNumberRoom = 32;
+// (the longest "%1.17g" text: a sign, 17 digits, a point and "e-308").
+inline constexpr size_t kJsonNumberRoom = 24;
 
 // Writes a number at `at` (kJsonNumberRoom bytes of room) and returns the end
 // of its text; nullptr (nothing written) for NaN and infinities.
