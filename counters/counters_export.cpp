@@ -299,7 +299,8 @@ void build_group_text(FormBuilder& b, const GroupPlan& group, GroupText& g) {
     (set == 0 ? g.open_first : g.open_next) = b.take();
     for (const auto& member : group.members) {
       w.escaped_key(member.key);
-      if (set == 0) g.keys.push_back(b.take());
+      const Piece key = b.take();
+      if (set == 0) g.keys.push_back(key);
       w.raw_value({});
     }
     w.end_object();
