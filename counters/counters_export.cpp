@@ -1,5 +1,6 @@
 #include "counters/counters_export.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -8,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "counters/counter_value.h"
 #include "data/format.h"
 #include "export/record_output.h"
 #include "export/value_format.h"
@@ -17,30 +19,7 @@
 
 namespace {
 
-// How one counter's value is written, decided from its type, string format
-// and name when the schema is loaded.
-enum class Render : uint8_t {
-  kUnsignedNumber,     // 64-bit unsigned as a number
-  kSignedNumber,       // 64-bit signed as a number
-  kHex,                // "0x%016lx" (GUIDs, BIT64 and guid names by default)
-  kUnsignedFormatted,  // nmb_format_uint64_string
-  kDoubleNumber,       // FP64 as a number
-  kDoubleFormatted,    // nmb_format_fp64_string
-  kSignedFormatted,    // nmb_format_int64_string
-  kString,             // STRING: at most `length` bytes up to a zero byte
-  kUnsigned128,        // nmb_format_uint128_string
-  kSigned128,          // nmb_format_int128_string
-};
-
-struct CounterRender {
-  Render render = Render::kSignedNumber;
-  int32_t format = 0;
-  // A GUID-like name in DECIMAL format: hex text while the GUID switch is on.
-  bool guid_switched = false;
-  uint32_t offset = 0;
-  uint32_t length = 0;
-  const char* name = nullptr;  // the schema's copy (for messages)
-};
+using CounterRender = nmb_counter_render_t;
 
 // One member of a counter set object.
 struct Member {
@@ -84,116 +63,48 @@ struct GroupPlan {
   // With metadata counter sets are arrays, of one object per member.
   bool enrich = false;
   std::vector<EnrichedMember> enriched;
+  // Members whose text has no fixed bound (strings), and the end of the last
+  // fixed-size value in the values area.
+  std::vector<uint32_t> string_members;
+  uint64_t values_end = 0;
+
+  // Counter sets written through a writer instead of in one pass.
+  bool built() const { return enrich || !steps.empty(); }
 };
 
-// Read from the environment on the first counter value written.
-bool guid_conversion_switch() {
-  static const bool on = nmb_read_guid_conversion_switch();
-  return on;
-}
+// The literal text of one output form (compact or pretty) between the values
+// of a block, cut out of what the JSON writer writes for the plan's shape, so
+// that it is the writer's text byte for byte.
+struct Piece {
+  uint32_t at = 0;
+  uint32_t length = 0;
+};
 
-CounterRender compile_counter(const nmb_counter_info_t& counter) {
-  CounterRender r;
-  r.format = counter.string_format;
-  r.offset = counter.offset;
-  r.length = counter.length;
-  r.name = counter.name.c_str();
-  const int32_t format = counter.string_format;
-  const bool has_guid = nmb_name_has_guid(r.name);
-  r.guid_switched = format == NMB_STRING_FORMAT_DECIMAL && nmb_is_guid_field_name(r.name);
-  const bool plain = format == NMB_STRING_FORMAT_DEFAULT || format == NMB_STRING_FORMAT_DECIMAL;
-  switch (counter.data_type) {
-    case NMB_COUNTER_DATA_TYPE_UINT64:
-    case NMB_COUNTER_DATA_TYPE_BIT64:
-      if (format == NMB_STRING_FORMAT_DEFAULT)
-        r.render = counter.data_type == NMB_COUNTER_DATA_TYPE_BIT64 || has_guid
-                       ? Render::kHex
-                       : Render::kUnsignedNumber;
-      else if (format == NMB_STRING_FORMAT_DECIMAL)
-        r.render = has_guid ? Render::kHex : Render::kUnsignedNumber;
-      else
-        r.render = Render::kUnsignedFormatted;
-      break;
-    case NMB_COUNTER_DATA_TYPE_FP64:
-      r.render = plain ? Render::kDoubleNumber : Render::kDoubleFormatted;
-      break;
-    case NMB_COUNTER_DATA_TYPE_INT64:
-      r.render = plain ? Render::kSignedNumber : Render::kSignedFormatted;
-      break;
-    case NMB_COUNTER_DATA_TYPE_STRING:
-      r.render = Render::kString;
-      break;
-    case NMB_COUNTER_DATA_TYPE_UINT128:
-    case NMB_COUNTER_DATA_TYPE_INT128:
-      r.render = counter.data_type == NMB_COUNTER_DATA_TYPE_UINT128 ? Render::kUnsigned128
-                                                                    : Render::kSigned128;
-      // DEFAULT counts as DECIMAL: the plain hex digits, with the warning.
-      if (format == NMB_STRING_FORMAT_DEFAULT) r.format = NMB_STRING_FORMAT_DECIMAL;
-      break;
-    default:
-      r.render = Render::kSignedNumber;
-  }
-  return r;
-}
+// Pieces are copied in fixed-size moves: the text is padded by this many
+// bytes and every output room leaves this many spare.
+constexpr size_t kPieceCopy = 64;
 
-void quoted_ascii(nmb::JsonWriter& w, const char* text, size_t length) {
-  char quoted[NMB_VALUE_TEXT_ROOM + 2];
-  quoted[0] = '"';
-  std::memcpy(quoted + 1, text, length);
-  quoted[length + 1] = '"';
-  w.raw_value(std::string_view(quoted, length + 2));
-}
+struct GroupText {
+  Piece head;                   // separator, "{", granularity, name, "counter_sets": [
+  Piece open_first, open_next;  // separator and "{" of the first and later sets
+  std::vector<Piece> keys;      // separator and key before each member's value
+  Piece close;                  // "}" of a set
+  Piece tail;                   // "]" and "}" of the group
+  size_t set_room = 0;          // room of a set without its strings
+};
 
-// Writes one counter value; false when it cannot be a JSON value.
-bool render_value(nmb::JsonWriter& w, const CounterRender& r, const nmb::ByteView& values) {
-  char text[NMB_VALUE_TEXT_ROOM];
-  const Render render = guid_conversion_switch() && r.guid_switched ? Render::kHex : r.render;
-  switch (render) {
-    case Render::kUnsignedNumber:
-      return w.number(static_cast<double>(values.u64(r.offset)));
-    case Render::kSignedNumber:
-      return w.number(static_cast<double>(static_cast<int64_t>(values.u64(r.offset))));
-    case Render::kHex: {
-      char hex[NMB_GUID_HEX_LENGTH + 1];
-      nmb_format_guid_hex_into(values.u64(r.offset), hex);
-      quoted_ascii(w, hex, NMB_GUID_HEX_LENGTH);
-      return true;
-    }
-    case Render::kUnsignedFormatted:
-      quoted_ascii(w, text, nmb_format_uint64_into(values.u64(r.offset), r.format, text));
-      return true;
-    case Render::kSignedFormatted:
-      quoted_ascii(
-          w, text,
-          nmb_format_int64_into(static_cast<int64_t>(values.u64(r.offset)), r.format, text));
-      return true;
-    case Render::kDoubleNumber:
-    case Render::kDoubleFormatted: {
-      uint64_t bits = values.u64(r.offset);
-      double value;
-      std::memcpy(&value, &bits, sizeof value);
-      if (render == Render::kDoubleNumber) return w.number(value);
-      quoted_ascii(w, text, nmb_format_fp64_into(r.format, value, text));
-      return true;
-    }
-    case Render::kString: {
-      // Past the end of the area the bytes read as zeros, which ends the text.
-      std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
-      if (nmb_log_enabled(NMB_LOG_DEBUG)) nmb_log_hex_dump(bytes.data(), bytes.size());
-      if (bytes.empty()) return w.string(std::string_view(""));
-      const char* chars = reinterpret_cast<const char*>(bytes.data());
-      return w.string(std::string_view(chars, bytes.size()));
-    }
-    case Render::kUnsigned128:
-    case Render::kSigned128: {
-      uint8_t bytes[16];
-      values.copy(r.offset, bytes, sizeof bytes);
-      quoted_ascii(w, text, nmb_format_uint128_into(bytes, r.format, text));
-      return true;
-    }
-  }
-  return false;
-}
+struct FormText {
+  std::string text;
+  Piece open;        // "{" and the "timestamp" key
+  Piece at_key;      // the "@timestamp" key
+  Piece groups_key;  // the "groups" key and "["
+  Piece close;       // "]" and "}"
+  std::vector<GroupText> groups;
+};
+
+// Counter sets sit four levels deep: the block object, the "groups" array,
+// the group object, the "counter_sets" array.
+constexpr uint32_t kSetDepth = 4;
 
 // Values of a group that repeats a name, built in counter order before the
 // members are written: their text and, per member, where its value starts
@@ -214,7 +125,7 @@ bool build_step_values(const GroupPlan& group, const nmb::ByteView& values, Step
   for (const auto& step : group.steps) {
     const size_t start = scratch.text.size();
     nmb::JsonWriter value(scratch.text, false);
-    if (!render_value(value, step.value, values)) return false;
+    if (!nmb_counter_value_to_json(value, step.value, values)) return false;
     scratch.spans[step.member] = {start, scratch.text.size()};
   }
   return true;
@@ -247,7 +158,7 @@ bool write_enriched_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::B
       std::string& discarded = step_scratch().text;
       discarded.clear();
       nmb::JsonWriter hidden(discarded, false);
-      if (!render_value(hidden, value, values)) return false;
+      if (!nmb_counter_value_to_json(hidden, value, values)) return false;
     }
     w.begin_object();
     for (const auto& part : enriched.parts) {
@@ -256,7 +167,7 @@ bool write_enriched_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::B
         write_pairs(w, *part.pairs);
       } else if (built != nullptr) {
         w.raw_value(step_value(*built, i));
-      } else if (!render_value(w, value, values)) {
+      } else if (!nmb_counter_value_to_json(w, value, values)) {
         return false;
       }
     }
@@ -283,36 +194,6 @@ bool write_enriched_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::B
     w.escaped_key(group.members[i].key);
     w.raw_value(step_value(*built, i));
   }
-  w.end_object();
-  return true;
-}
-
-bool write_counter_set(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
-  if (!group.steps.empty() || group.enrich) return write_built_counter_set(w, group, values);
-  w.begin_object();
-  for (const auto& member : group.members) {
-    w.escaped_key(member.key);
-    if (!render_value(w, member.value, values)) return false;
-  }
-  w.end_object();
-  return true;
-}
-
-bool write_group(nmb::JsonWriter& w, const GroupPlan& group, const nmb::ByteView& values) {
-  if (group.name.empty()) return false;
-  w.begin_object();
-  w.escaped_key("\"granularity\"");
-  w.raw_value(group.granularity);
-  w.escaped_key("\"name\"");
-  w.raw_value(group.name);
-  w.escaped_key("\"counter_sets\"");
-  w.begin_array();
-  // Every counter set object holds the same values, but each is built on its
-  // own, so that the formatters' warnings (and the debug dumps of strings)
-  // come once per set, as for any other value that is built.
-  for (uint32_t i = 0; i < group.num_counter_sets; ++i)
-    if (!write_counter_set(w, group, values)) return false;
-  w.end_array();
   w.end_object();
   return true;
 }
@@ -377,7 +258,168 @@ class EnrichmentCompiler {
 
 struct nmb_counters_plan_t {
   std::vector<GroupPlan> groups;
+  FormText forms[2];  // compact, pretty
 };
+
+namespace {
+
+// Records the writer's text for a plan's shape piece by piece.
+class FormBuilder {
+ public:
+  FormBuilder(FormText& form, bool pretty) : form_(form), writer_(scratch_, pretty) {}
+  nmb::JsonWriter& w() { return writer_; }
+  // The text written since the last piece.
+  Piece take() {
+    Piece piece{static_cast<uint32_t>(form_.text.size()), static_cast<uint32_t>(scratch_.size())};
+    form_.text += scratch_;
+    scratch_.clear();
+    return piece;
+  }
+
+ private:
+  FormText& form_;
+  std::string scratch_;
+  nmb::JsonWriter writer_;
+};
+
+// A counter set written twice gives the pieces of the first and of later
+// sets; values are empty placeholders (they write no text).
+void build_group_text(FormBuilder& b, const GroupPlan& group, GroupText& g) {
+  nmb::JsonWriter& w = b.w();
+  w.begin_object();
+  w.escaped_key("\"granularity\"");
+  w.raw_value(group.granularity);
+  w.escaped_key("\"name\"");
+  w.raw_value(group.name);
+  w.escaped_key("\"counter_sets\"");
+  w.begin_array();
+  g.head = b.take();
+  for (uint32_t set = 0; set < group.num_counter_sets && set < 2; ++set) {
+    w.begin_object();
+    (set == 0 ? g.open_first : g.open_next) = b.take();
+    for (const auto& member : group.members) {
+      w.escaped_key(member.key);
+      const Piece key = b.take();
+      if (set == 0) g.keys.push_back(key);
+      w.raw_value({});
+    }
+    w.end_object();
+    g.close = b.take();
+  }
+  w.end_array();
+  w.end_object();
+  g.tail = b.take();
+  g.set_room = std::max(g.open_first.length, g.open_next.length) + g.close.length + kPieceCopy;
+  for (size_t i = 0; i < g.keys.size(); ++i)
+    g.set_room +=
+        g.keys[i].length + nmb_counter_value_room(group.members[i].value, nmb::ByteView());
+}
+
+void build_form_text(const nmb_counters_plan_t& plan, FormText& form, bool pretty) {
+  FormBuilder b(form, pretty);
+  nmb::JsonWriter& w = b.w();
+  w.begin_object();
+  w.escaped_key("\"timestamp\"");
+  form.open = b.take();
+  w.raw_value({});
+  w.escaped_key("\"@timestamp\"");
+  form.at_key = b.take();
+  w.raw_value({});
+  w.escaped_key("\"groups\"");
+  w.begin_array();
+  form.groups_key = b.take();
+  for (const auto& group : plan.groups) {
+    // A group whose name cannot be written fails the block where it stands.
+    if (group.name.empty()) break;
+    build_group_text(b, group, form.groups.emplace_back());
+  }
+  w.end_array();
+  w.end_object();
+  form.close = b.take();
+  form.text.append(kPieceCopy, '\0');
+}
+
+void append_piece(std::string& out, const FormText& form, Piece piece) {
+  out.append(form.text, piece.at, piece.length);
+}
+
+char* put_piece(char* at, const FormText& form, Piece piece) {
+  const char* from = form.text.data() + piece.at;
+  if (piece.length <= kPieceCopy) {
+    std::memcpy(at, from, kPieceCopy);
+  } else {
+    std::memcpy(at, from, piece.length);
+  }
+  return at + piece.length;
+}
+
+template <bool kInBounds>
+char* write_members(char* at, const GroupPlan& group, const FormText& form, const GroupText& g,
+                    const nmb::ByteView& values) {
+  const bool guid_switch = nmb_counters_guid_switch();
+  const size_t count = group.members.size();
+  for (size_t i = 0; i < count; ++i) {
+    at = put_piece(at, form, g.keys[i]);
+    at = nmb_counter_value_write<kInBounds>(at, group.members[i].value, values, guid_switch);
+    if (at == nullptr) return nullptr;
+  }
+  return at;
+}
+
+// Room for one counter set's text, reused: grown (never zero-filled) when a
+// set needs more, so that a set costs no allocation and no clearing.
+char* set_room(size_t room) {
+  struct Room {
+    std::unique_ptr<char[]> bytes;
+    size_t size = 0;
+  };
+  static thread_local Room scratch;  // one per thread with -j
+  if (room > scratch.size) {
+    scratch.bytes = std::make_unique_for_overwrite<char[]>(room);
+    scratch.size = room;
+  }
+  return scratch.bytes.get();
+}
+
+// A counter set in one pass: its room is made once, its pieces and values
+// written straight into it, and the text appended to the output in one
+// copy. False when a value cannot be a JSON value.
+bool write_counter_set(std::string& out, const GroupPlan& group, const FormText& form,
+                       const GroupText& g, bool first, const nmb::ByteView& values) {
+  size_t room = g.set_room;
+  for (uint32_t i : group.string_members)
+    room += nmb_counter_value_room(group.members[i].value, values);
+  char* const begin = set_room(room);
+  char* at = put_piece(begin, form, first ? g.open_first : g.open_next);
+  if (!group.members.empty()) {
+    at = values.readable() >= group.values_end ? write_members<true>(at, group, form, g, values)
+                                               : write_members<false>(at, group, form, g, values);
+    if (at == nullptr) return false;
+  }
+  at = put_piece(at, form, g.close);
+  out.append(begin, static_cast<size_t>(at - begin));
+  return true;
+}
+
+bool write_group(std::string& out, const GroupPlan& group, const FormText& form, const GroupText& g,
+                 bool pretty, const nmb::ByteView& values) {
+  append_piece(out, form, g.head);
+  // Every counter set object holds the same values, but each is built on its
+  // own, so that the formatters' warnings (and the debug dumps of strings)
+  // come once per set, as for any other value that is built.
+  for (uint32_t set = 0; set < group.num_counter_sets; ++set) {
+    if (group.built()) {
+      nmb::JsonWriter w(out, pretty, kSetDepth, set == 0);
+      if (!write_built_counter_set(w, group, values)) return false;
+    } else if (!write_counter_set(out, group, form, g, set == 0, values)) {
+      return false;
+    }
+  }
+  append_piece(out, form, g.tail);
+  return true;
+}
+
+}  // namespace
 
 void nmb_counters_plan_deleter::operator()(nmb_counters_plan_t* plan) const {
   delete plan;
@@ -406,16 +448,17 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
     for (const auto& counter : group.counters) {
       auto [it, inserted] = position.emplace(counter.name, gp.members.size());
       if (inserted) {
-        gp.members.push_back(Member{nmb::json_escape_key(counter.name), compile_counter(counter)});
+        gp.members.push_back(
+            Member{nmb::json_escape_key(counter.name), nmb_counter_render_compile(counter)});
       } else {
-        gp.members[it->second].value = compile_counter(counter);
+        gp.members[it->second].value = nmb_counter_render_compile(counter);
         repeated = true;
       }
     }
     if (repeated) {
       gp.steps.reserve(group.counters.size());
       for (const auto& counter : group.counters)
-        gp.steps.push_back(GroupPlan::Step{compile_counter(counter),
+        gp.steps.push_back(GroupPlan::Step{nmb_counter_render_compile(counter),
                                            static_cast<uint32_t>(position.at(counter.name))});
     }
     if (enrichment) {
@@ -424,7 +467,14 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
       for (const auto& member : gp.members)
         gp.enriched.push_back(enrichment->compile(member.value.name));
     }
+    for (size_t i = 0; i < gp.members.size(); ++i) {
+      const uint64_t end = nmb_counter_value_end(gp.members[i].value);
+      if (end == 0) gp.string_members.push_back(static_cast<uint32_t>(i));
+      gp.values_end = std::max(gp.values_end, end);
+    }
   }
+  build_form_text(*plan, plan->forms[0], false);
+  build_form_text(*plan, plan->forms[1], true);
   return plan;
 }
 
@@ -434,27 +484,25 @@ bool nmb_counters_block_to_json(std::string& out, nmb::ByteView block,
   const size_t mark = out.size();
   const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
   const nmb::ByteView values = block.from(NMB_COUNTERS_BLOCK_HEADER_SIZE);
+  const FormText& form = plan.forms[pretty ? 1 : 0];
 
-  nmb::JsonWriter w(out, pretty);
-  w.begin_object();
-  w.escaped_key("\"timestamp\"");
-  w.number(static_cast<double>(timestamp));
+  append_piece(out, form, form.open);
+  nmb::json_append_number(out, static_cast<double>(timestamp));
   char text[64];
   size_t length = nmb_format_timestamp_into(timestamp, microsecond_precision, text, sizeof text);
   if (length != 0) {
-    w.escaped_key("\"@timestamp\"");
-    w.string(std::string_view(text, length));
+    append_piece(out, form, form.at_key);
+    nmb::json_append_string(out, std::string_view(text, length));
   }
-  w.escaped_key("\"groups\"");
-  w.begin_array();
-  for (const auto& group : plan.groups) {
-    if (!write_group(w, group, values)) {
+  append_piece(out, form, form.groups_key);
+  for (size_t i = 0; i < plan.groups.size(); ++i) {
+    const GroupPlan& group = plan.groups[i];
+    if (group.name.empty() || !write_group(out, group, form, form.groups[i], pretty, values)) {
       out.resize(mark);
       return false;
     }
   }
-  w.end_array();
-  w.end_object();
+  append_piece(out, form, form.close);
   return true;
 }
 

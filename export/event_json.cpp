@@ -132,6 +132,24 @@ bool write_members(nmb::JsonWriter& w, const nmb_event_plan_t& plan, const nmb::
   return true;
 }
 
+// The formatted header timestamp as a JSON string value (empty when it is not
+// valid UTF-8, as string() then writes nothing). Records of a block share
+// it, so the text is validated and quoted once while it stays the same.
+std::string_view quoted_header_timestamp(const nmb_header_timestamp_t& ts) {
+  struct Last {
+    std::string text;
+    std::string quoted;
+  };
+  static thread_local Last last;  // one per thread with -j
+  const std::string_view text(ts.formatted, ts.formatted_length);
+  if (text != last.text || last.quoted.empty()) {
+    last.text.assign(text);
+    last.quoted.clear();
+    nmb::json_append_string(last.quoted, text);
+  }
+  return last.quoted;
+}
+
 }  // namespace
 
 bool nmb_event_record_to_json(nmb::JsonWriter& w, const nmb_event_plan_t& plan, nmb::ByteView rec,
@@ -151,7 +169,7 @@ bool nmb_event_record_to_json(nmb::JsonWriter& w, const nmb_event_plan_t& plan, 
         w.number(static_cast<double>(ts.value));
       } else if (index == plan.formatted_timestamp_member && ts.formatted_length != 0) {
         if (!check_value(field, rec, 0, w.pretty(), w.out())) return false;
-        w.string(std::string_view(ts.formatted, ts.formatted_length));
+        w.raw_value(quoted_header_timestamp(ts));
       } else if (!write_value(w, field, rec, 0)) {
         return false;
       }
@@ -166,7 +184,7 @@ bool nmb_event_record_to_json(nmb::JsonWriter& w, const nmb_event_plan_t& plan, 
   }
   if (plan.formatted_timestamp_member < 0 && ts.formatted_length != 0) {
     w.escaped_key("\"@header_timestamp\"");
-    w.string(std::string_view(ts.formatted, ts.formatted_length));
+    w.raw_value(quoted_header_timestamp(ts));
   }
   return true;
 }

@@ -51,12 +51,33 @@ bool nmb_read_guid_conversion_switch() {
   return nmb_env_is_true(value);
 }
 
+namespace {
+
+// The two lowercase hex digits of every byte value.
+struct ByteHexTable {
+  char digits[256][2] = {};
+  constexpr ByteHexTable() {
+    constexpr char kHex[] = "0123456789abcdef";
+    for (int b = 0; b < 256; ++b) {
+      digits[b][0] = kHex[b >> 4];
+      digits[b][1] = kHex[b & 15];
+    }
+  }
+};
+constexpr ByteHexTable kByteHex;
+
+}  // namespace
+
+char* nmb_write_guid_hex(char* at, uint64_t value) {
+  at[0] = '0';
+  at[1] = 'x';
+  for (int i = 0; i < 8; ++i)
+    std::memcpy(at + 2 + 2 * i, kByteHex.digits[(value >> (56 - 8 * i)) & 0xff], 2);
+  return at + NMB_GUID_HEX_LENGTH;
+}
+
 void nmb_format_guid_hex_into(uint64_t value, char (&out)[NMB_GUID_HEX_LENGTH + 1]) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  out[0] = '0';
-  out[1] = 'x';
-  for (int i = 0; i < 16; ++i) out[2 + i] = kHex[(value >> (60 - 4 * i)) & 15];
-  out[NMB_GUID_HEX_LENGTH] = '\0';
+  *nmb_write_guid_hex(out, value) = '\0';
 }
 
 std::string nmb_format_guid_hex(uint64_t value) {

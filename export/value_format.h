@@ -24,6 +24,8 @@ inline constexpr size_t NMB_GUID_HEX_LENGTH = 18;
 std::string nmb_format_guid_hex(uint64_t value);
 // Writes the 18 characters and a terminating zero into `out`.
 void nmb_format_guid_hex_into(uint64_t value, char (&out)[NMB_GUID_HEX_LENGTH + 1]);
+// Writes the 18 characters (no terminating zero) at `at` and returns their end.
+char* nmb_write_guid_hex(char* at, uint64_t value);
 
 // Values in a string format (0 DEFAULT, 1 DECIMAL, 2 HEXADECIMAL, 3 UUID,
 // 4 BINARY). The *_into forms write into a caller's buffer of

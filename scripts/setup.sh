@@ -7,7 +7,8 @@ packages=(cmake ninja-build g++ clang libclang-rt-14-dev zlib1g-dev libsnappy-de
           valgrind  # scripts/memcheck.sh runs the end-to-end tests under valgrind
           influxdb curl  # the Influx output's end-to-end test writes into a real InfluxDB 1.x
           dpkg-dev file man-db  # the package test: cpack -G DEB with dpkg-shlibdeps, man -l
-          jq parallel xz-utils python3)  # the recipes of docs/RECIPES.md
+          jq parallel xz-utils python3  # the recipes of docs/RECIPES.md
+          libcjson-dev time bc)  # the benchmark's DOM-per-record baseline, peak RSS, its arithmetic
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

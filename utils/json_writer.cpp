@@ -78,17 +78,39 @@ bool json_is_valid_utf8(const char* data, size_t length) {
   return true;
 }
 
-void json_append_escaped(std::string& out, std::string_view text) {
-  text = until_nul(text);
+namespace {
+
+// Escapes `text` (already cut at its first zero byte) through `put(data,
+// length)` calls for its plain runs and escapes.
+template <typename Put>
+void escape_into(std::string_view text, Put&& put) {
   size_t plain_start = 0;
   for (size_t i = 0; i < text.size(); ++i) {
     const char* escape = kEscapes.text[static_cast<unsigned char>(text[i])];
     if (escape[0] == 0) continue;
-    out.append(text.data() + plain_start, i - plain_start);
-    out.append(escape);
+    put(text.data() + plain_start, i - plain_start);
+    put(escape, std::strlen(escape));
     plain_start = i + 1;
   }
-  out.append(text.data() + plain_start, text.size() - plain_start);
+  put(text.data() + plain_start, text.size() - plain_start);
+}
+
+}  // namespace
+
+char* json_write_string(char* at, std::string_view text) {
+  text = until_nul(text);
+  if (!json_is_valid_utf8(text.data(), text.size())) return nullptr;
+  *at++ = '"';
+  escape_into(text, [&](const char* data, size_t length) {
+    std::memcpy(at, data, length);
+    at += length;
+  });
+  *at++ = '"';
+  return at;
+}
+
+void json_append_escaped(std::string& out, std::string_view text) {
+  escape_into(until_nul(text), [&](const char* data, size_t length) { out.append(data, length); });
 }
 
 std::string json_escape_key(std::string_view key) {
@@ -100,17 +122,20 @@ std::string json_escape_key(std::string_view key) {
   return text;
 }
 
-bool json_append_number(std::string& out, double value) {
-  if (!std::isfinite(value)) return false;
-  char buffer[32];
-  char* end;
+char* json_write_number(char* at, double value) {
+  if (!std::isfinite(value)) return nullptr;
   // Integral values below 1e17 print as plain digits under "%1.17g" too.
   if (value == std::trunc(value) && std::fabs(value) < 1e17 &&
       !(value == 0 && std::signbit(value))) {
-    end = std::to_chars(buffer, buffer + sizeof buffer, static_cast<int64_t>(value)).ptr;
-  } else {
-    end = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 17).ptr;
+    return std::to_chars(at, at + kJsonNumberRoom, static_cast<int64_t>(value)).ptr;
   }
+  return std::to_chars(at, at + kJsonNumberRoom, value, std::chars_format::general, 17).ptr;
+}
+
+bool json_append_number(std::string& out, double value) {
+  char buffer[kJsonNumberRoom];
+  char* end = json_write_number(buffer, value);
+  if (end == nullptr) return false;
   out.append(buffer, static_cast<size_t>(end - buffer));
   return true;
 }

@@ -27,13 +27,42 @@ void json_append_escaped(std::string& out, std::string_view text);
 // keys without escaping them per record ("name" -> "\"name\"").
 std::string json_escape_key(std::string_view key);
 
+// Room that json_write_number needs at its destination.
+// (the longest "%1.17g" text: a sign, 17 digits, a point and "e-308").
+inline constexpr size_t kJsonNumberRoom = 24;
+
+// Writes a number at `at` (kJsonNumberRoom bytes of room) and returns the end
+// of its text; nullptr (nothing written) for NaN and infinities.
+char* json_write_number(char* at, double value);
+
 // Appends a number; false (nothing written) for NaN and infinities.
 bool json_append_number(std::string& out, double value);
+
+// Writes the decimal digits of an integer at `at` (20 bytes of room) and
+// returns their end.
+template <typename Integer>
+char* json_write_integer(char* at, Integer value) {
+  return std::to_chars(at, at + 20, value).ptr;
+}
+
+// The text of an unsigned value read from data as number() writes it for the
+// value converted to a double: plain digits while the double holds the value
+// exactly (up to 2^53), otherwise through the double.
+inline char* json_write_unsigned_as_number(char* at, uint64_t value) {
+  if (value <= (uint64_t{1} << 53)) return json_write_integer(at, value);
+  return json_write_number(at, static_cast<double>(value));
+}
+// The same for a signed value (exact from -2^53 to 2^53).
+inline char* json_write_signed_as_number(char* at, int64_t value) {
+  constexpr int64_t kExact = int64_t{1} << 53;
+  if (value >= -kExact && value <= kExact) return json_write_integer(at, value);
+  return json_write_number(at, static_cast<double>(value));
+}
 
 // Appends the decimal digits of an integer.
 inline void json_append_integer(std::string& out, int64_t value) {
   char buffer[24];
-  char* end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  char* end = json_write_integer(buffer, value);
   out.append(buffer, static_cast<size_t>(end - buffer));
 }
 
@@ -41,9 +70,22 @@ inline void json_append_integer(std::string& out, int64_t value) {
 // written) when the bytes are not valid UTF-8.
 bool json_append_string(std::string& out, std::string_view text);
 
+// Room that json_write_string needs for `length` bytes of text: quotes and
+// the longest escape of every byte.
+inline constexpr size_t json_string_room(size_t length) {
+  return 2 + 6 * length;
+}
+// Writes a quoted string value at `at` and returns its end; nullptr when the
+// bytes are not valid UTF-8.
+char* json_write_string(char* at, std::string_view text);
+
 class JsonWriter {
  public:
   JsonWriter(std::string& out, bool pretty) : out_(out), pretty_(pretty) {}
+  // A writer that continues inside a container opened `depth` levels deep
+  // by text written elsewhere; `empty` when that container has no member yet.
+  JsonWriter(std::string& out, bool pretty, uint32_t depth, bool empty)
+      : out_(out), pretty_(pretty), empty_(empty), depth_(depth) {}
 
   void begin_object() {
     separate();

@@ -99,6 +99,30 @@ TEST_F(CountersExport, EveryTypeAndFormat) {
             R"("wi":"0x01000000000000000000000000000000","x":-5,"y":123456}]}]})");
 }
 
+// Digits are written straight only where the double route gives the same
+// text; beyond 2^53 values still go through the double.
+TEST_F(CountersExport, IntegersAtTheEdgeOfDoublePrecision) {
+  CounterGroup g("g");
+  for (const char* name : {"a", "b", "c", "d"}) g.counter(name, "UINT64");
+  for (const char* name : {"e", "f", "h"}) g.counter(name, "INT64");
+  auto schema = load(CountersSchema().group(g));
+  const uint64_t p53 = uint64_t{1} << 53;
+  ByteVec values = Bytes()
+                       .u64(p53)
+                       .u64(p53 + 1)
+                       .u64(99999999999999999ull)
+                       .u64(~uint64_t{0})
+                       .i64(-static_cast<int64_t>(p53))
+                       .i64(-static_cast<int64_t>(p53) - 1)
+                       .i64(INT64_MIN)
+                       .vec();
+  const std::string out = compact(*schema, values);
+  EXPECT_EQ(out.substr(out.find("\"counter_sets\"")),
+            R"("counter_sets":[{"a":9007199254740992,"b":9007199254740992,"c":1e+17,)"
+            R"("d":1.8446744073709552e+19,"e":-9007199254740992,"f":-9007199254740992,)"
+            R"("h":-9.2233720368547758e+18}]}]})");
+}
+
 TEST_F(CountersExport, GroupShapesAndPrettyForm) {
   CounterGroup twice;  // no name
   twice.granularity = "CPU";
