@@ -211,7 +211,7 @@ class ReadAhead {
         batch.chunks = take_batch();
         if (batch.chunks == nullptr) return push_end(ReadItem::kFailed);
       }
-      uint8_t* const chunk = batch.chunks + batch.sizes.size() * block_size_;
+      uint8_t* chunk = batch.chunks + batch.sizes.size() * block_size_;
       const size_t logged = log_.text().size();
       size_t size = 0;
       const nmb_chunk_read_t read = nmb_reader_read_chunk(reader_, chunk, size);
@@ -221,6 +221,19 @@ class ReadAhead {
       }
       if (size < block_size_ && previous != nullptr && previous != chunk)
         std::memcpy(chunk + size, previous + size, block_size_ - size);
+      if (log_.text().size() != logged && !batch.sizes.empty()) {
+        // What reading this chunk logged (a short chunk's warning) comes
+        // after the chunks before it are exported: the chunk starts a new
+        // batch, which carries the lines.
+        push(std::move(batch), logged);
+        batch = ReadItem{};
+        if (!wait_for_room()) return;
+        batch.kind = ReadItem::kChunks;
+        batch.chunks = take_batch();
+        if (batch.chunks == nullptr) return push_end(ReadItem::kFailed);
+        std::memmove(batch.chunks, chunk, block_size_);
+        chunk = batch.chunks;
+      }
       previous = chunk;
       if (nmb_classify_block(chunk) == NMB_PAGE_BLOCK) {
         // The chunks before it go first; the page chunk stays readable in

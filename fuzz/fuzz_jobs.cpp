@@ -33,6 +33,23 @@ std::string take_text(int fd) {
   return text;
 }
 
+// Log lines without their time prefix ("[2026-01-02 03:04:05.678] "), which
+// differs from run to run.
+std::string without_times(const std::string& text) {
+  static constexpr size_t kPrefix = 26;
+  std::string kept;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    const bool timed = end - start > kPrefix && text[start] == '[' && text[start + 24] == ']' &&
+                       text[start + 25] == ' ';
+    kept.append(text, timed ? start + kPrefix : start, end - (timed ? start + kPrefix : start));
+    start = end;
+  }
+  return kept;
+}
+
 struct RunResult {
   std::string out;
   std::string err;
@@ -53,7 +70,7 @@ RunResult run_captured(const nmb_read_options_t& options) {
   close(saved_out);
   close(saved_err);
   result.out = take_text(g_out);
-  result.err = take_text(g_err);
+  result.err = without_times(take_text(g_err));
   return result;
 }
 

@@ -120,7 +120,8 @@ INSTANTIATE_TEST_SUITE_P(Formats, Jobs,
 // Reading ahead on a second thread writes what the walk on one thread
 // writes, also where a page cannot be decoded, a page holds a block that
 // fails the file (the pages decoded past it are dropped with their log
-// lines), and a whole-file gzip of many small chunks is cut short.
+// lines), a chunk fails before a short last chunk, and a whole-file gzip of
+// many small chunks is cut short.
 TEST(ReadAhead, WritesWhatOneThreadWrites) {
   TempDir dir;
   CountersSchema schema;
@@ -151,6 +152,11 @@ TEST(ReadAhead, WritesWhatOneThreadWrites) {
   ByteVec whole = small_chunks.bytes();
   write_file(dir.file("short_last.bin"), whole);
   args.push_back(dir.file("short_last.bin"));
+  DataFile failing_chunk;  // the short last chunk's warning is never reached
+  failing_chunk.block_size(256).counters_schema(id);
+  failing_chunk.chunk(counters(0)).chunk(Chunk().raw(Bytes().text("XXXXXXXXXXXXXXXX")));
+  failing_chunk.chunk(counters(1).size(20));
+  args.push_back(failing_chunk.write(dir.file("failing_chunk.bin")));
   ByteVec gzipped = small_chunks.gzipped().bytes();
   write_file(dir.file("cut.bin"), ByteVec(gzipped.begin(), gzipped.begin() + gzipped.size() / 2));
   args.push_back(dir.file("cut.bin"));
