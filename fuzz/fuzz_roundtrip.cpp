@@ -144,7 +144,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (in.remaining_bytes() > 0 && items.size() < 24) {
     Item item;
     item.counters = in.ConsumeBool();
-    timestamp += in.ConsumeIntegralInRange<uint64_t>(0, 1000000);
+    // Re-exported pages of one first timestamp keep to one output file, and
+    // a page that closes it (a new counters schema id) is then dropped with
+    // a warning: the writer's rule, so -f bin items get rising timestamps.
+    timestamp += in.ConsumeIntegralInRange<uint64_t>(mode == 3 ? 1 : 0, 1000000);
     item.timestamp = timestamp;
     if (item.counters) {
       for (int c = 0; c < kCounters; ++c) item.values.push_back(value(in));
