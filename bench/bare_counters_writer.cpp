@@ -74,11 +74,11 @@ int main(int argc, char** argv) {
                             bench::group_name(g) + "\",\"counter_sets\":[{",
                         {}});
     }
-    const bench::CounterSpec spec = bench::counter_spec(i);
+    const bench::CounterLayout layout = bench::counter_layout(i);
     groups.back().members.push_back(
-        {std::string(i % bench::kGroupSize == 0 ? "" : ",") + "\"" + spec.name + "\":", spec.kind,
-         offset});
-    offset += bench::value_size(spec.kind);
+        {std::string(i % bench::kGroupSize == 0 ? "" : ",") + "\"" + layout.name + "\":",
+         layout.kind, offset});
+    offset += bench::value_size(layout.kind);
   }
   const size_t block_size = 16 + offset;
 

@@ -18,13 +18,13 @@ inline constexpr uint32_t kStringLength = 16;
 
 enum class Kind { kU64, kI64, kF64, kBit64, kGuid, kString };
 
-struct CounterSpec {
+struct CounterLayout {
   std::string name;
   Kind kind;
 };
 
 // Counter `i` of a layout: its kind follows its position in a cycle of 20.
-inline CounterSpec counter_spec(int i) {
+inline CounterLayout counter_layout(int i) {
   const int slot = i % 20;
   const std::string n = std::to_string(i);
   if (slot < 14) return {"port_xmit_data_" + n, Kind::kU64};

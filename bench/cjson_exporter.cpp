@@ -23,11 +23,11 @@ int main(int argc, char** argv) {
     return 2;
   }
   const int counters = std::atoi(argv[2]);
-  std::vector<bench::CounterSpec> specs;
+  std::vector<bench::CounterLayout> layouts;
   uint32_t size = 0;
   for (int i = 0; i < counters; ++i) {
-    specs.push_back(bench::counter_spec(i));
-    size += bench::value_size(specs.back().kind);
+    layouts.push_back(bench::counter_layout(i));
+    size += bench::value_size(layouts.back().kind);
   }
   std::ifstream file(argv[1], std::ios::binary);
   std::vector<uint8_t> chunk(16 + size);
@@ -61,36 +61,36 @@ int main(int argc, char** argv) {
         cJSON_AddItemToArray(cJSON_AddArrayToObject(group, "counter_sets"), set);
         cJSON_AddItemToArray(groups, group);
       }
-      const bench::CounterSpec& spec = specs[static_cast<size_t>(i)];
+      const bench::CounterLayout& layout = layouts[static_cast<size_t>(i)];
       uint64_t bits;
       std::memcpy(&bits, at, 8);
-      switch (spec.kind) {
+      switch (layout.kind) {
         case bench::Kind::kU64:
-          cJSON_AddNumberToObject(set, spec.name.c_str(), static_cast<double>(bits));
+          cJSON_AddNumberToObject(set, layout.name.c_str(), static_cast<double>(bits));
           break;
         case bench::Kind::kI64:
-          cJSON_AddNumberToObject(set, spec.name.c_str(),
+          cJSON_AddNumberToObject(set, layout.name.c_str(),
                                   static_cast<double>(static_cast<int64_t>(bits)));
           break;
         case bench::Kind::kF64: {
           double v;
           std::memcpy(&v, &bits, 8);
-          cJSON_AddNumberToObject(set, spec.name.c_str(), v);
+          cJSON_AddNumberToObject(set, layout.name.c_str(), v);
           break;
         }
         case bench::Kind::kBit64:
         case bench::Kind::kGuid:
           std::snprintf(text, sizeof text, "0x%016llx", static_cast<unsigned long long>(bits));
-          cJSON_AddStringToObject(set, spec.name.c_str(), text);
+          cJSON_AddStringToObject(set, layout.name.c_str(), text);
           break;
         case bench::Kind::kString: {
           std::string value(reinterpret_cast<const char*>(at),
                             strnlen(reinterpret_cast<const char*>(at), bench::kStringLength));
-          cJSON_AddStringToObject(set, spec.name.c_str(), value.c_str());
+          cJSON_AddStringToObject(set, layout.name.c_str(), value.c_str());
           break;
         }
       }
-      at += bench::value_size(spec.kind);
+      at += bench::value_size(layout.kind);
     }
     char* printed = cJSON_PrintUnformatted(record);
     std::fputs(printed, stdout);

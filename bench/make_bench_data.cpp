@@ -35,10 +35,10 @@ CountersSchema counters_schema(int counters) {
     CounterGroup group(bench::group_name(g));
     group.granularity = g % 2 == 0 ? "NODE" : "CPU";
     for (int i = g * bench::kGroupSize; i < (g + 1) * bench::kGroupSize && i < counters; ++i) {
-      const bench::CounterSpec spec = bench::counter_spec(i);
+      const bench::CounterLayout layout = bench::counter_layout(i);
       static const char* const kTypes[] = {"UINT64", "INT64", "FP64", "BIT64", "UINT64", "STRING"};
-      group.counter(spec.name, kTypes[static_cast<int>(spec.kind)],
-                    spec.kind == Kind::kString ? bench::kStringLength : 0);
+      group.counter(layout.name, kTypes[static_cast<int>(layout.kind)],
+                    layout.kind == Kind::kString ? bench::kStringLength : 0);
     }
     schema.group(group);
   }
@@ -47,14 +47,14 @@ CountersSchema counters_schema(int counters) {
 
 uint32_t values_size(int counters) {
   uint32_t size = 0;
-  for (int i = 0; i < counters; ++i) size += bench::value_size(bench::counter_spec(i).kind);
+  for (int i = 0; i < counters; ++i) size += bench::value_size(bench::counter_layout(i).kind);
   return size;
 }
 
 ByteVec counters_values(int counters, int b) {
   Bytes values;
   for (int i = 0; i < counters; ++i) {
-    const Kind kind = bench::counter_spec(i).kind;
+    const Kind kind = bench::counter_layout(i).kind;
     if (kind == Kind::kString) {
       values.fixed(bench::counter_string(b, i), bench::kStringLength);
     } else {
