@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "utils/status_line.h"
+#include "utils/stream_copy.h"
 
 namespace nmb {
 
@@ -37,41 +39,62 @@ int make_spill_file() {
   return fd;
 }
 
-// Pieces given back after they were written out, kept for the next buffer
-// that holds one: memory handed back to the system and faulted in again for
-// every piece would cost more than the copy a spill file makes. There are
-// never more than the budgets of a run allow to be held at once.
-struct SparePieces {
+// Memory given back by the buffers of waiting files, kept for the next one
+// that needs it: memory handed back to the system and faulted in again for
+// every file would cost more than the copy a spill file makes. Held pieces
+// are never more than the budgets of a run allow to be held at once; texts
+// no more than the buffers alive at once.
+template <class T>
+struct Spares {
   std::mutex mutex;
-  std::vector<std::string> pieces;
+  std::vector<T> items;
+
+  // The last item given back when `fits` it, else nothing.
+  template <class Fits>
+  std::optional<T> take(Fits fits) {
+    std::lock_guard lock(mutex);
+    if (items.empty() || !fits(items.back())) return std::nullopt;
+    std::optional<T> item(std::move(items.back()));
+    items.pop_back();
+    return item;
+  }
+  void give_back(T item) {
+    std::lock_guard lock(mutex);
+    items.push_back(std::move(item));
+  }
 };
 
-SparePieces& spare_pieces() {
-  static SparePieces spare;
+Spares<OutputBuffer::Piece>& spare_pieces() {
+  static Spares<OutputBuffer::Piece> spare;
   return spare;
 }
 
-std::string take_piece(size_t capacity) {
-  SparePieces& spare = spare_pieces();
-  {
-    std::lock_guard lock(spare.mutex);
-    if (!spare.pieces.empty()) {
-      std::string piece = std::move(spare.pieces.back());
-      spare.pieces.pop_back();
-      return piece;
-    }
+Spares<std::string>& spare_texts() {
+  static Spares<std::string> spare;
+  return spare;
+}
+
+// Held pieces are filled from the buffer's text, a little over its
+// threshold (a record past it) at most, so one size fits nearly all.
+constexpr size_t kHeldPieceCapacity = (size_t{1} << 20) + (size_t{1} << 18);
+
+OutputBuffer::Piece take_piece(size_t size) {
+  if (auto piece = spare_pieces().take([&](const auto& p) { return p.capacity >= size; })) {
+    return std::move(*piece);
   }
-  std::string piece;
-  piece.reserve(capacity);
+  OutputBuffer::Piece piece;
+  piece.capacity = std::max(size, kHeldPieceCapacity);
+  piece.bytes = std::make_unique_for_overwrite<char[]>(piece.capacity);
   return piece;
 }
 
-void give_back_pieces(std::vector<std::string>& pieces) {
-  SparePieces& spare = spare_pieces();
-  std::lock_guard lock(spare.mutex);
-  for (std::string& piece : pieces) {
-    piece.clear();
-    spare.pieces.push_back(std::move(piece));
+// Pieces and texts grown for a rare huge record go back to the system.
+constexpr size_t kLargestSpare = 4 * kHeldPieceCapacity;
+
+void give_back_pieces(std::vector<OutputBuffer::Piece>& pieces) {
+  for (OutputBuffer::Piece& piece : pieces) {
+    piece.size = 0;
+    if (piece.capacity <= kLargestSpare) spare_pieces().give_back(std::move(piece));
   }
   pieces.clear();
 }
@@ -87,12 +110,16 @@ OutputBuffer::OutputBuffer(Spill spill)
       threshold_(spill.cap),
       spills_(true),
       budget_(spill.budget),
-      live_fd_(spill.live_fd) {}
+      live_fd_(spill.live_fd) {
+  if (auto text = spare_texts().take([](const auto&) { return true; })) text_ = std::move(*text);
+}
 
 OutputBuffer::~OutputBuffer() {
   if (spills_) {
     release_pieces();
     if (spill_fd_ >= 0) ::close(spill_fd_);
+    text_.clear();
+    if (text_.capacity() <= kLargestSpare) spare_texts().give_back(std::move(text_));
     return;
   }
   flush();
@@ -185,7 +212,7 @@ void OutputBuffer::release_pieces() {
 }
 
 void OutputBuffer::drain_to(int fd) {
-  for (const std::string& piece : held_) write_out(fd, piece.data(), piece.size());
+  for (const Piece& piece : held_) write_out(fd, piece.bytes.get(), piece.size);
   release_pieces();
   if (spill_fd_ >= 0) {
     copy_spill(spill_fd_, fd);
@@ -209,9 +236,14 @@ void OutputBuffer::flush() {
   }
   if (text_.empty()) return;
   if (spill_fd_ < 0 && take_from_budget(text_.size())) {
-    held_size_ += text_.size();
-    held_.push_back(std::move(text_));
-    text_ = take_piece(threshold_ + threshold_ / 4);
+    // The writer goes on in its own buffer, which stays in the cache; the
+    // held copy goes straight to memory.
+    Piece piece = take_piece(text_.size());
+    stream_copy(piece.bytes.get(), text_.data(), text_.size());
+    piece.size = text_.size();
+    held_size_ += piece.size;
+    held_.push_back(std::move(piece));
+    text_.clear();
     return;
   }
   if (spill_fd_ < 0) spill_fd_ = make_spill_file();

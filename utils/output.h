@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,13 @@ class OutputBuffer {
   // From any thread: the buffer's turn has come (everything before it is out).
   void go_live() { live_.store(true, std::memory_order_release); }
 
+  // A piece of output held in memory until the buffer's turn comes.
+  struct Piece {
+    std::unique_ptr<char[]> bytes;
+    size_t size = 0;
+    size_t capacity = 0;
+  };
+
  private:
   // Writes the pieces held, what was spilled and what the buffer holds to
   // `fd`; starts empty again.
@@ -69,7 +77,7 @@ class OutputBuffer {
   bool spills_ = false;
   int spill_fd_ = -1;
   std::atomic<size_t>* budget_ = nullptr;
-  std::vector<std::string> held_;  // pieces held in memory, before any spilled byte
+  std::vector<Piece> held_;  // pieces held in memory, before any spilled byte
   size_t held_size_ = 0;
   int live_fd_ = -1;
   std::atomic<bool> live_{false};
