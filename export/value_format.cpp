@@ -230,19 +230,50 @@ size_t nmb_format_timestamp_into(uint64_t timestamp_us, bool microsecond_precisi
     cached_seconds = seconds;
   }
   const struct tm& tm = cached_tm;
-  unsigned fraction = static_cast<unsigned>(timestamp_us % 1000000);
-  int length;
-  if (microsecond_precision) {
-    length = std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%06d", tm.tm_year + 1900,
-                           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                           static_cast<int>(fraction));
-  } else {
-    length = std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%03d", tm.tm_year + 1900,
-                           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                           static_cast<int>(fraction / 1000));
+  const unsigned fraction = static_cast<unsigned>(timestamp_us % 1000000);
+  const int year = tm.tm_year + 1900;
+  const size_t length = microsecond_precision ? 26 : 23;
+  if (year >= 0 && year <= 9999 && room > length) {
+    // "%04d-%02d-%02d %02d:%02d:%02d." and 6 or 3 fraction digits, written
+    // directly: every field is within its width here.
+    auto digits = [](char* at, unsigned value, int width) {
+      for (int i = width - 1; i >= 0; --i) {
+        at[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+      }
+    };
+    digits(out, static_cast<unsigned>(year), 4);
+    out[4] = '-';
+    digits(out + 5, static_cast<unsigned>(tm.tm_mon + 1), 2);
+    out[7] = '-';
+    digits(out + 8, static_cast<unsigned>(tm.tm_mday), 2);
+    out[10] = ' ';
+    digits(out + 11, static_cast<unsigned>(tm.tm_hour), 2);
+    out[13] = ':';
+    digits(out + 14, static_cast<unsigned>(tm.tm_min), 2);
+    out[16] = ':';
+    digits(out + 17, static_cast<unsigned>(tm.tm_sec), 2);
+    out[19] = '.';
+    if (microsecond_precision) {
+      digits(out + 20, fraction, 6);
+    } else {
+      digits(out + 20, fraction / 1000, 3);
+    }
+    out[length] = '\0';
+    return length;
   }
-  if (length < 0 || static_cast<size_t>(length) >= room) return 0;
-  return static_cast<size_t>(length);
+  int printed;
+  if (microsecond_precision) {
+    printed =
+        std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%06d", year, tm.tm_mon + 1,
+                      tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(fraction));
+  } else {
+    printed = std::snprintf(out, room, "%04d-%02d-%02d %02d:%02d:%02d.%03d", year, tm.tm_mon + 1,
+                            tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                            static_cast<int>(fraction / 1000));
+  }
+  if (printed < 0 || static_cast<size_t>(printed) >= room) return 0;
+  return static_cast<size_t>(printed);
 }
 
 std::string nmb_format_timestamp(uint64_t timestamp_us, bool microsecond_precision) {

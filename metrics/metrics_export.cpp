@@ -36,24 +36,23 @@ struct ObjectPlan {
   }
 };
 
-LabelMap batch_labels(const MetricsTables& tables, const BatchRecord& batch,
+// The labels of a batch: the common labels, then each decoded text under its
+// name (a later name replacing an earlier value).
+LabelMap batch_labels(const MetricsTables& tables, std::vector<std::string> texts,
                       const std::vector<std::string>& names) {
-  std::vector<std::string> texts =
-      nmb::metrics::decode_label_values(batch.labels, tables.label_values);
-  if (texts.size() > names.size()) {
-    NMB_LOG(NMB_LOG_ERROR, "Label set %lu names %lu labels but the batch has %lu label values",
-            batch.label_set_id, names.size(), texts.size());
-    throw std::runtime_error("more label values than label names");
-  }
   LabelMap labels = tables.common_labels;
   for (size_t i = 0; i < texts.size(); ++i) labels[names[i]] = std::move(texts[i]);
   return labels;
 }
 
+// A string value ends at its first zero byte.
+bool is_valid_utf8_value(const std::string& value) {
+  return nmb::json_is_valid_utf8(value.c_str(), std::strlen(value.c_str()));
+}
+
 bool values_are_valid_utf8(const LabelMap& labels) {
   for (const auto& [name, value] : labels) {
-    // A string value ends at its first zero byte.
-    if (!nmb::json_is_valid_utf8(value.c_str(), std::strlen(value.c_str()))) return false;
+    if (!is_valid_utf8_value(value)) return false;
   }
   return true;
 }
@@ -67,10 +66,16 @@ void check_sample_ids(const MetricsTables& tables, const BatchRecord& batch) {
   }
 }
 
-// Sets the members batch by batch as the object is defined, building every
-// batch's labels (each can fail the block) but keeping only the last ones.
-// False when a label value cannot be a JSON string.
+// Sets the members batch by batch as the object is defined, resolving and
+// checking every batch's labels (each can fail the block) but building only
+// the last ones. False when a label value cannot be a JSON string.
 bool plan_object(const MetricsTables& tables, bool microsecond_precision, ObjectPlan& plan) {
+  bool common_valid = true;
+  for (const auto& [name, value] : tables.common_labels) {
+    common_valid = common_valid && is_valid_utf8_value(value);
+  }
+  std::vector<std::string> texts;
+  const std::vector<std::string>* label_names = nullptr;
   for (const BatchRecord& batch : tables.batches) {
     plan.last = &batch;
     plan.set(Member::kTimestamp);
@@ -84,14 +89,28 @@ bool plan_object(const MetricsTables& tables, bool microsecond_precision, Object
     }
     auto names = tables.label_names.find(batch.label_set_id);
     if (names != tables.label_names.end()) {
-      LabelMap labels = batch_labels(tables, batch, names->second);
-      if (!values_are_valid_utf8(labels)) return false;
-      plan.labels = std::move(labels);
+      std::vector<std::string> batch_texts =
+          nmb::metrics::decode_label_values(batch.labels, tables.label_values);
+      if (batch_texts.size() > names->second.size()) {
+        NMB_LOG(NMB_LOG_ERROR, "Label set %lu names %lu labels but the batch has %lu label values",
+                batch.label_set_id, names->second.size(), batch_texts.size());
+        throw std::runtime_error("more label values than label names");
+      }
+      // Valid texts over valid common labels make valid labels; only
+      // otherwise does a replaced value decide, and the labels are built.
+      bool valid = common_valid;
+      for (const std::string& value : batch_texts) valid = valid && is_valid_utf8_value(value);
+      if (!valid && !values_are_valid_utf8(batch_labels(tables, batch_texts, names->second))) {
+        return false;
+      }
+      texts = std::move(batch_texts);
+      label_names = &names->second;
       plan.set(Member::kLabels);
     }
     check_sample_ids(tables, batch);
     plan.set(Member::kMetrics);
   }
+  if (label_names != nullptr) plan.labels = batch_labels(tables, std::move(texts), *label_names);
   return true;
 }
 
@@ -100,7 +119,13 @@ bool write_metrics(nmb::JsonWriter& writer, const MetricsTables& tables, const B
   for (const nmb::metrics::Sample& sample : batch.samples) {
     writer.begin_object();
     writer.key(tables.metric_names[sample.sample_id]);
-    if (!writer.number(static_cast<double>(sample.sample_value))) return false;
+    // Exact in a double below 2^53: the same digits either way.
+    const uint64_t value = sample.sample_value;
+    if (value < (uint64_t{1} << 53)) {
+      writer.integer(static_cast<int64_t>(value));
+    } else if (!writer.number(static_cast<double>(value))) {
+      return false;
+    }
     writer.end_object();
   }
   writer.end_array();
