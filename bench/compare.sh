@@ -107,7 +107,9 @@ rm -rf "\$w"
 exit \$status_new
 EOF
   chmod +x "$new"
-  "$e2e" --gtest_brief=1 >"$work/e2e.log" 2>&1 || echo "(some end-to-end tests fail through the wrapper; see their log)"
+  # The progress tests feed a FIFO that only the first of the two runs can
+  # read: under the wrapper the second would wait for ever.
+  "$e2e" --gtest_brief=1 --gtest_filter=-ProgressLine.* >"$work/e2e.log" 2>&1 || echo "(some end-to-end tests fail through the wrapper; see their log)"
   echo "end-to-end runs compared: $(wc -l <"$work/e2e_runs" 2>/dev/null || echo 0)"
 fi
 
