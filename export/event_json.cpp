@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -262,14 +261,16 @@ constexpr std::array<ValueWriter, 12> kElementWriters = {
     elements<uint64_t, true, kIn, kPretty, kArray>,
     kArray ? nested_array<kIn, kPretty> : nested<kIn, kPretty>};
 
-// The writers by shape and kind (in the order of their enumerations).
+// The writers by shape and kind (in the order of their enumerations); a char
+// string is one whatever its kind.
 template <bool kIn, bool kPretty>
 constexpr std::array<std::array<ValueWriter, 12>, 3> kWriters = {
     kElementWriters<kIn, kPretty, false>,
-    {char_string<kIn, kPretty>, char_string<kIn, kPretty>, char_string<kIn, kPretty>,
-     char_string<kIn, kPretty>, char_string<kIn, kPretty>, char_string<kIn, kPretty>,
-     char_string<kIn, kPretty>, char_string<kIn, kPretty>, char_string<kIn, kPretty>,
-     char_string<kIn, kPretty>, char_string<kIn, kPretty>, char_string<kIn, kPretty>},
+    [] {
+      std::array<ValueWriter, 12> strings{};
+      strings.fill(char_string<kIn, kPretty>);
+      return strings;
+    }(),
     kElementWriters<kIn, kPretty, true>,
 };
 static_assert(static_cast<int>(Shape::kScalar) == 0 && static_cast<int>(Shape::kCharString) == 1 &&
