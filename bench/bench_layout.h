@@ -1,7 +1,8 @@
-// The counters of the benchmark data, shared by the generator and the bare
-// writer: per block, groups of 100 counters of mixed types (mostly 64-bit
-// unsigned counters, some signed, floating, bit mask, GUID and string values)
-// and the value of each counter in each block.
+// The layouts of the benchmark data, shared by the generator and the bare
+// writers: the counters (per block, groups of 100 counters of mixed types,
+// mostly 64-bit unsigned counters, some signed, floating, bit mask, GUID and
+// string values, and the value of each counter in each block) and the event
+// record types.
 #pragma once
 
 #include <cstdint>
@@ -72,6 +73,78 @@ inline std::string counter_string(int b, int i) {
 
 inline std::string group_name(int g) {
   return "group_" + std::to_string(g);
+}
+
+// One field of an event type: a built-in type name or the name of another
+// type of the schema, the size of one element (0 for another type: its
+// record size) and the number of elements.
+struct EventFieldLayout {
+  std::string name;
+  std::string type;
+  uint32_t size;
+  uint16_t count = 1;
+};
+
+struct EventTypeLayout {
+  std::string name;
+  std::vector<EventFieldLayout> fields;  // packed, in record order
+};
+
+// The event schema's types, by type index; link_stats (index 1) only nests
+// in link_event, the other three are the record types.
+inline std::vector<EventTypeLayout> event_types() {
+  return {
+      {"port_event",
+       {{"node_guid", "uint64_t", 8},
+        {"port_num", "uint8_t", 1},
+        {"lid", "uint16_t", 2},
+        {"xmit_data", "uint64_t", 8},
+        {"rcv_data", "uint64_t", 8},
+        {"rate", "double", 8},
+        {"name", "char", 1, 16},
+        {"samples", "uint32_t", 4, 4}}},
+      {"link_stats",
+       {{"symbol_errors", "uint32_t", 4},
+        {"link_downed", "uint16_t", 2},
+        {"ber", "double", 8},
+        {"lanes", "uint8_t", 1, 4}}},
+      {"link_event",
+       {{"node_guid", "uint64_t", 8},
+        {"port_num", "uint8_t", 1},
+        {"stats", "link_stats", 0},
+        {"history", "int32_t", 4, 8}}},
+      {"job_event",
+       {{"job_id", "uint64_t", 8},
+        {"uid", "uint32_t", 4},
+        {"start", "int64_t", 8},
+        {"cpu_load", "float", 4},
+        {"user", "char", 1, 24},
+        {"cpus", "uint16_t", 2, 16}}},
+  };
+}
+
+// The index of the type named `name`; -1 for a built-in type.
+inline int event_type_index(const std::vector<EventTypeLayout>& types, const std::string& name) {
+  for (size_t t = 0; t < types.size(); ++t) {
+    if (types[t].name == name) return static_cast<int>(t);
+  }
+  return -1;
+}
+
+// The size of one element of a field: its own, or its type's record size.
+inline uint32_t event_field_size(const std::vector<EventTypeLayout>& types,
+                                 const EventFieldLayout& field);
+
+inline uint32_t event_record_size(const std::vector<EventTypeLayout>& types, size_t type) {
+  uint32_t size = 0;
+  for (const auto& field : types[type].fields) size += event_field_size(types, field) * field.count;
+  return size;
+}
+
+inline uint32_t event_field_size(const std::vector<EventTypeLayout>& types,
+                                 const EventFieldLayout& field) {
+  const int nested = event_type_index(types, field.type);
+  return nested < 0 ? field.size : event_record_size(types, static_cast<size_t>(nested));
 }
 
 }  // namespace bench

@@ -96,33 +96,14 @@ void write_counters_file(const std::string& folder, const std::string& name, int
 }
 
 EventSchema event_schema() {
+  const std::vector<bench::EventTypeLayout> types = bench::event_types();
   EventSchema schema;
-  schema.type(EventType("port_event")
-                  .field("node_guid", "uint64_t", 8)
-                  .field("port_num", "uint8_t", 1)
-                  .field("lid", "uint16_t", 2)
-                  .field("xmit_data", "uint64_t", 8)
-                  .field("rcv_data", "uint64_t", 8)
-                  .field("rate", "double", 8)
-                  .field("name", "char", 1, 16)
-                  .field("samples", "uint32_t", 4, 4));
-  schema.type(EventType("link_stats")
-                  .field("symbol_errors", "uint32_t", 4)
-                  .field("link_downed", "uint16_t", 2)
-                  .field("ber", "double", 8)
-                  .field("lanes", "uint8_t", 1, 4));
-  schema.type(EventType("link_event")
-                  .field("node_guid", "uint64_t", 8)
-                  .field("port_num", "uint8_t", 1)
-                  .field("stats", "link_stats", schema.types[1].size)
-                  .field("history", "int32_t", 4, 8));
-  schema.type(EventType("job_event")
-                  .field("job_id", "uint64_t", 8)
-                  .field("uid", "uint32_t", 4)
-                  .field("start", "int64_t", 8)
-                  .field("cpu_load", "float", 4)
-                  .field("user", "char", 1, 24)
-                  .field("cpus", "uint16_t", 2, 16));
+  for (const auto& layout : types) {
+    EventType type(layout.name);
+    for (const auto& field : layout.fields)
+      type.field(field.name, field.type, bench::event_field_size(types, field), field.count);
+    schema.type(type);
+  }
   return schema;
 }
 

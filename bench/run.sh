@@ -17,7 +17,7 @@ repeats=${2:-3}
 bash scripts/setup.sh
 cmake --preset release >/dev/null
 cmake --build build/release -j2 --target nmb_read make_bench_data bare_counters_writer \
-  decode_pages cjson_exporter >/dev/null
+  bare_events_writer decode_pages cjson_exporter >/dev/null
 bin=build/release
 data=build/bench-data
 rm -rf "$data" && mkdir -p "$data"
@@ -71,6 +71,9 @@ for file in events metrics; do
   f=$data/$file.bin
   r=$(records_of "$f")
   for format in ndjson json txt; do measure "$file $format" "$f" "$r" "${nmb[@]}" -f $format "$f"; done
+  if [ $file = events ]; then
+    measure "events bare writer (ndjson bytes)" "$f" "$r" "$bin/bench/bare_events_writer" "$f"
+  fi
 done
 f=$data/events_gzip.bin
 measure "events gzip pages ndjson" "$f" "$(records_of "$f")" "${nmb[@]}" -f ndjson "$f"
@@ -87,6 +90,7 @@ ratio "snappy pages ndjson / snappy only" "counters_5000 snappy pages ndjson" "c
 ratio "counters_5000 ndjson / cJSON DOM per record" "counters_5000 ndjson" "counters_5000 cJSON DOM per record" ">= 25"
 ratio "counters_5000 json time / ndjson time" "counters_5000 ndjson" "counters_5000 json" "<= 1.15"
 ratio "events json time / ndjson time" "events ndjson" "events json" "<= 1.15"
+ratio "events ndjson time / bare writer time" "events bare writer (ndjson bytes)" "events ndjson" "<= 1.30"
 
 # Reading ahead: pages decoded (and whole-file gzip inflated) on a second
 # thread against everything on one thread.

@@ -89,17 +89,6 @@ size_t nmb_counter_value_room(const nmb_counter_render_t& render, const nmb::Byt
 
 namespace {
 
-template <bool kInBounds>
-uint64_t load_u64(const nmb::ByteView& values, uint32_t offset) {
-  if constexpr (kInBounds) {
-    uint64_t value;
-    std::memcpy(&value, values.data() + offset, sizeof value);
-    return value;
-  } else {
-    return values.u64(offset);
-  }
-}
-
 // A formatter's text, quoted: the formatter writes after the opening quote.
 template <typename Format>
 char* quoted(char* at, Format&& format) {
@@ -117,27 +106,27 @@ char* nmb_counter_value_write_any(char* at, const nmb_counter_render_t& r,
   const Kind kind = guid_switch && r.guid_switched ? Kind::kHex : r.kind;
   switch (kind) {
     case Kind::kUnsignedNumber:
-      return nmb::json_write_unsigned_as_number(at, load_u64<kInBounds>(values, r.offset));
+      return nmb::json_write_unsigned_as_number(at, values.read<uint64_t, kInBounds>(r.offset));
     case Kind::kSignedNumber:
       return nmb::json_write_signed_as_number(
-          at, static_cast<int64_t>(load_u64<kInBounds>(values, r.offset)));
+          at, static_cast<int64_t>(values.read<uint64_t, kInBounds>(r.offset)));
     case Kind::kHex: {
       *at = '"';
-      at = nmb_write_guid_hex(at + 1, load_u64<kInBounds>(values, r.offset));
+      at = nmb_write_guid_hex(at + 1, values.read<uint64_t, kInBounds>(r.offset));
       *at = '"';
       return at + 1;
     }
     case Kind::kUnsignedFormatted: {
-      const uint64_t value = load_u64<kInBounds>(values, r.offset);
+      const uint64_t value = values.read<uint64_t, kInBounds>(r.offset);
       return quoted(at, [&](char* text) { return nmb_format_uint64_into(value, r.format, text); });
     }
     case Kind::kSignedFormatted: {
-      const auto value = static_cast<int64_t>(load_u64<kInBounds>(values, r.offset));
+      const auto value = static_cast<int64_t>(values.read<uint64_t, kInBounds>(r.offset));
       return quoted(at, [&](char* text) { return nmb_format_int64_into(value, r.format, text); });
     }
     case Kind::kDoubleNumber:
     case Kind::kDoubleFormatted: {
-      const uint64_t bits = load_u64<kInBounds>(values, r.offset);
+      const uint64_t bits = values.read<uint64_t, kInBounds>(r.offset);
       double value;
       std::memcpy(&value, &bits, sizeof value);
       if (kind == Kind::kDoubleNumber) return nmb::json_write_number(at, value);

@@ -64,7 +64,8 @@ class ByteView {
       if (available > count) available = count;
       std::memcpy(out, data_ + offset, available);
     }
-    if (available < count) std::memset(static_cast<uint8_t*>(out) + available, 0, count - available);
+    if (available < count)
+      std::memset(static_cast<uint8_t*>(out) + available, 0, count - available);
   }
 
   // The little-endian value at `offset` (T an integer or floating type).
@@ -77,6 +78,18 @@ class ByteView {
       copy(offset, &value, sizeof(T));
     }
     return value;
+  }
+  // get<T>, or for kInBounds a plain read: the caller has checked that the
+  // value lies within readable().
+  template <typename T, bool kInBounds>
+  T read(uint64_t offset) const {
+    if constexpr (kInBounds) {
+      T value;
+      std::memcpy(&value, data_ + offset, sizeof(T));
+      return value;
+    } else {
+      return get<T>(offset);
+    }
   }
   uint8_t u8(uint64_t offset) const { return get<uint8_t>(offset); }
   uint16_t u16(uint64_t offset) const { return get<uint16_t>(offset); }

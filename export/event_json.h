@@ -4,9 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "data/bytes.h"
-#include "utils/json_writer.h"
 
 struct nmb_event_plan_t;
 
@@ -17,7 +17,7 @@ struct nmb_header_timestamp_t {
   size_t formatted_length = 0;  // 0: formatting failed, the member is left out
 };
 
-// Writes the members of one record (the writer has the object open); false
-// when a value cannot be a JSON value.
-bool nmb_event_record_to_json(nmb::JsonWriter& w, const nmb_event_plan_t& plan,
-                              nmb::ByteView record, const nmb_header_timestamp_t& ts);
+// Appends one record as a JSON object, compact or pretty (at depth 0); false,
+// with nothing appended, when a value cannot be a JSON value.
+bool nmb_event_record_to_json(std::string& out, const nmb_event_plan_t& plan, nmb::ByteView record,
+                              const nmb_header_timestamp_t& ts, bool pretty);

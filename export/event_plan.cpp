@@ -121,13 +121,7 @@ void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
   }
 }
 
-// ---- how large a record can get ---------------------------------------------
-//
-// An upper bound of the text one record of a type is written as, in the pretty
-// JSON form (the largest: it indents every line) and as Influx fields (every
-// value carries its whole key path). Kept per type for the object written at
-// depth 0; one level deeper adds 4 bytes to each of its lines, and a key
-// prefix of p bytes adds p bytes to each of its values.
+// ---- the JSON text of a plan --------------------------------------------------
 
 constexpr uint64_t kSaturated = uint64_t{1} << 62;
 uint64_t add(uint64_t a, uint64_t b) {
@@ -136,6 +130,131 @@ uint64_t add(uint64_t a, uint64_t b) {
 uint64_t mul(uint64_t a, uint64_t b) {
   return a != 0 && b > kSaturated / a ? kSaturated : a * b;
 }
+
+// The key of a member of an object whose members sit at depth 1, as the JSON
+// writer writes it, appended to the form's text.
+nmb_json_piece_t key_piece(std::string& text, std::string_view quoted_key, bool pretty,
+                           bool first) {
+  std::string piece;
+  nmb::JsonWriter w(piece, pretty, 1, first);
+  w.escaped_key(quoted_key);
+  const nmb_json_piece_t at{static_cast<uint32_t>(text.size()),
+                            static_cast<uint32_t>(piece.size())};
+  text += piece;
+  return at;
+}
+
+// Bytes one element of a built-in kind reads.
+uint64_t element_size(Kind kind) {
+  switch (kind) {
+    case Kind::kU8:
+    case Kind::kI8:
+      return 1;
+    case Kind::kI16:
+    case Kind::kU16:
+      return 2;
+    case Kind::kI32:
+    case Kind::kU32:
+    case Kind::kF32:
+      return 4;
+    case Kind::kNested:
+      return 0;
+    default:
+      return 8;
+  }
+}
+
+// The text a member's value can take in the pretty form at depth 1 (the
+// member's line excluded), and the lines it adds.
+struct ValueRoom {
+  uint64_t bytes = 0;
+  uint64_t lines = 0;
+};
+
+ValueRoom value_room(const nmb_field_plan_t& field) {
+  constexpr uint64_t kHex = NMB_GUID_HEX_LENGTH + 2;
+  // A nested object makes room for its own text; only "{}" stands for a
+  // type that is missing.
+  const uint64_t element = field.kind == Kind::kNested  ? 2
+                           : field.kind == Kind::kHex64 ? kHex
+                                                        : nmb::kJsonNumberRoom;
+  ValueRoom room;
+  if (field.shape == Shape::kCharString) {
+    room.bytes = nmb::json_string_room(field.count);
+  } else if (field.shape == Shape::kScalar) {
+    room.bytes = element;
+  } else {
+    // "[", per element ",\n", the indent at depth 2 and the element, then
+    // "\n", the indent at depth 1 and "]".
+    room.bytes = add(mul(field.count, add(element, 2 + 8)), 1 + 1 + 4 + 1);
+    room.lines = add(field.count, 1);
+  }
+  if (field.guid_like) room.bytes = std::max(room.bytes, kHex);
+  return room;
+}
+
+// Where the value's own reads end, counted from the object's start; offsets
+// come from untrusted schemas, so an end beyond 64 bits is UINT64_MAX (no
+// record holds it).
+uint64_t value_read_end(const nmb_field_plan_t& field) {
+  auto end_of = [&](uint64_t extent) {
+    uint64_t end;
+    return __builtin_add_overflow(field.offset, extent, &end) ? UINT64_MAX : end;
+  };
+  uint64_t end = field.guid_like ? end_of(8) : 0;
+  uint64_t extent = 0;
+  if (field.shape == Shape::kCharString) {
+    extent = field.count;
+  } else if (field.count != 0 && field.kind != Kind::kNested) {
+    uint64_t span;
+    if (__builtin_mul_overflow(uint64_t{field.count - 1}, field.stride, &span) ||
+        __builtin_add_overflow(span, element_size(field.kind), &extent))
+      extent = UINT64_MAX;
+  }
+  if (extent != 0) end = std::max(end, extent == UINT64_MAX ? UINT64_MAX : end_of(extent));
+  return end;
+}
+
+void compile_json_layout(nmb_event_plan_t& plan) {
+  nmb_event_json_layout_t& json = plan.json;
+  for (int form = 0; form < 2; ++form) {
+    const bool pretty = form == 1;
+    std::string& text = json.text[form];
+    bool first = true;
+    for (auto& member : plan.members) {
+      member.json_key[form] = key_piece(text, member.key, pretty, first);
+      first = false;
+    }
+    // The added members follow the record's own, "@header_timestamp" at
+    // least "header_timestamp".
+    json.header_timestamp_key[form] = key_piece(text, "\"header_timestamp\"", pretty, first);
+    json.formatted_timestamp_key[form] = key_piece(text, "\"@header_timestamp\"", pretty, false);
+    text.append(kJsonPiecePadding, '\0');
+  }
+  // "{", and "\n}" closing the object.
+  uint64_t room = 3;
+  uint64_t lines = 1;
+  uint64_t read_end = 0;
+  auto count = [&](const nmb_field_plan_t& field, uint64_t key) {
+    const ValueRoom value = value_room(field);
+    room = add(room, add(key, value.bytes));
+    lines = add(lines, add(1, value.lines));
+    read_end = std::max(read_end, value_read_end(field));
+  };
+  for (const auto& member : plan.members) count(member, member.json_key[1].length);
+  for (const auto& check : plan.checks) count(check, 0);
+  json.room = room;
+  json.lines = lines;
+  json.read_end = read_end;
+}
+
+// ---- how large a record can get ---------------------------------------------
+//
+// An upper bound of the text one record of a type is written as, in the pretty
+// JSON form (the largest: it indents every line) and as Influx fields (every
+// value carries its whole key path). Kept per type for the object written at
+// depth 0; one level deeper adds 4 bytes to each of its lines, and a key
+// prefix of p bytes adds p bytes to each of its values.
 
 constexpr uint64_t kNumberText = 24;  // "%1.17g" at most, or a quoted GUID hex
 
@@ -269,6 +388,7 @@ void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array
       if (!plans[t]) continue;
       const nmb_type_definition_t& type = *schema->types[t];
       compile_plan(*plans[t], type, index);
+      compile_json_layout(*plans[t]);
       plans[t]->selected = nmb_type_name_is_selected(type.name.c_str(), include, exclude);
     }
     // Whether a record can fail depends on nested plans: settle it by rounds

@@ -41,6 +41,12 @@ enum class nmb_value_shape_t : uint8_t {
 
 struct nmb_event_plan_t;
 
+// A piece of a plan's JSON text: `length` bytes at `at`.
+struct nmb_json_piece_t {
+  uint32_t at = 0;
+  uint32_t length = 0;
+};
+
 struct nmb_field_plan_t {
   std::string key;  // quoted and escaped
   std::string name;
@@ -54,7 +60,34 @@ struct nmb_field_plan_t {
   bool guid_like = false;
   uint16_t index = 0;  // the field's position in the type's key (0: not a key field)
   const nmb_event_plan_t* nested = nullptr;
+  // Members only: the text before the value as a member of an object whose
+  // members sit at depth 1, in the compact and the pretty form (",\"key\":"
+  // and ",\n    \"key\": ", the first member's without the ","), in the
+  // plan's JSON text.
+  nmb_json_piece_t json_key[2];
 };
+
+// What the JSON writer needs of a plan beyond its members, decided once.
+struct nmb_event_json_layout_t {
+  // The members' key pieces of each form (compact, pretty), and after them
+  // the keys of the two added members; padded with kJsonPiecePadding bytes.
+  std::string text[2];
+  nmb_json_piece_t header_timestamp_key[2];
+  nmb_json_piece_t formatted_timestamp_key[2];
+  // The most text the object writes itself (pretty, members at depth 1,
+  // checks included; nested objects are not counted but make room for their
+  // own text when written), and its lines, which each deeper level of depth
+  // indents by 4 more bytes.
+  uint64_t room = 0;
+  uint64_t lines = 0;
+  // Bytes from the object's start that its own values read (nested objects
+  // not counted): when the record holds that many, no read needs a check.
+  uint64_t read_end = 0;
+};
+
+// Bytes of padding after the pieces, so that short pieces can be copied in
+// fixed-size moves.
+inline constexpr size_t kJsonPiecePadding = 32;
 
 struct nmb_event_plan_t {
   const nmb_type_definition_t* type = nullptr;
@@ -70,6 +103,7 @@ struct nmb_event_plan_t {
   // the added value replaces the field's (-1: no such member).
   int header_timestamp_member = -1;
   int formatted_timestamp_member = -1;
+  nmb_event_json_layout_t json;
   bool can_fail = false;  // some value of a record may fail to build
   bool selected = false;  // the -i/-e selection
   // Why records of this type cannot be written (a type that contains itself,

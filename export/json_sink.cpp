@@ -60,14 +60,11 @@ bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
   const size_t mark = text.size();
   nmb_event_guid_conversion_on();  // read on the first record built, as its first field asks
   out.begin_record();
-  JsonWriter w(text, pretty_);
-  w.begin_object();
-  if (refuse_unsafe_plan(plan) || !nmb_event_record_to_json(w, plan, record, ts)) {
+  if (refuse_unsafe_plan(plan) || !nmb_event_record_to_json(text, plan, record, ts, pretty_)) {
     text.resize(mark);  // the record is taken back whole
     out.report("Failed to JSONify event values");
     return false;
   }
-  w.end_object();
   if (!pretty_) text.push_back('\n');
   out.count_record();
   return true;

@@ -13,6 +13,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <type_traits>
+
+#include "utils/decimal.h"
 
 namespace nmb {
 
@@ -38,11 +41,15 @@ char* json_write_number(char* at, double value);
 // Appends a number; false (nothing written) for NaN and infinities.
 bool json_append_number(std::string& out, double value);
 
-// Writes the decimal digits of an integer at `at` (20 bytes of room) and
+// Writes the decimal digits of an integer at `at` (21 bytes of room) and
 // returns their end.
 template <typename Integer>
 char* json_write_integer(char* at, Integer value) {
-  return std::to_chars(at, at + 20, value).ptr;
+  if constexpr (std::is_signed_v<Integer>) {
+    return write_decimal(at, static_cast<int64_t>(value));
+  } else {
+    return write_decimal(at, static_cast<uint64_t>(value));
+  }
 }
 
 // The text of an unsigned value read from data as number() writes it for the

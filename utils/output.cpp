@@ -133,17 +133,21 @@ void OutputBuffer::printf(const char* format, ...) {
 }
 
 void OutputBuffer::vprintf(const char* format, va_list args) {
+  append_vprintf(text_, format, args);
+}
+
+void append_vprintf(std::string& out, const char* format, va_list args) {
   va_list again;
   va_copy(again, args);
   char small[256];
   int n = std::vsnprintf(small, sizeof small, format, args);
   if (n > 0 && static_cast<size_t>(n) < sizeof small) {
-    text_.append(small, static_cast<size_t>(n));
+    out.append(small, static_cast<size_t>(n));
   } else if (n > 0) {
-    size_t start = text_.size();
-    text_.resize(start + static_cast<size_t>(n) + 1);
-    std::vsnprintf(text_.data() + start, static_cast<size_t>(n) + 1, format, again);
-    text_.resize(start + static_cast<size_t>(n));
+    size_t start = out.size();
+    out.resize(start + static_cast<size_t>(n) + 1);
+    std::vsnprintf(out.data() + start, static_cast<size_t>(n) + 1, format, again);
+    out.resize(start + static_cast<size_t>(n));
   }
   va_end(again);
 }

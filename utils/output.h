@@ -83,6 +83,10 @@ class OutputBuffer {
   std::atomic<bool> live_{false};
 };
 
+// Appends the printf text of `format` and `args` to `out`.
+void append_vprintf(std::string& out, const char* format, va_list args)
+    __attribute__((format(printf, 2, 0)));
+
 // The process's standard output, or the capture of this thread's file.
 OutputBuffer& stdout_buffer();
 

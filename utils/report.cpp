@@ -1,6 +1,7 @@
 #include "utils/report.h"
 
 #include <cstdio>
+#include <string>
 
 #include "utils/output.h"
 #include "utils/status_line.h"
@@ -13,9 +14,16 @@ void nmb_report_file_failure(const char* path, const char* format, va_list args)
     capture->commit();
     return;
   }
+  // The line goes out in one write (standard error is unbuffered: a write
+  // per part would be three), so that it costs one system call and is never
+  // split by another writer.
+  static thread_local std::string line;  // reused: a text export reports every event record
+  line.assign("Failed processing file ");
+  line += path;
+  line += ": ";
+  nmb::append_vprintf(line, format, args);
+  line += '\n';
   nmb::StderrWrite clear_status_line;
-  std::fprintf(stderr, "Failed processing file %s: ", path);
-  std::vfprintf(stderr, format, args);
-  std::fputc('\n', stderr);
+  std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);
 }

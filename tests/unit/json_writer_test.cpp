@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -134,6 +135,26 @@ TEST(JsonWriter, Numbers) {
   EXPECT_FALSE(nmb::json_append_number(out, std::numeric_limits<double>::infinity()));
   EXPECT_FALSE(nmb::json_append_number(out, -std::numeric_limits<double>::infinity()));
   EXPECT_EQ(out, "x");
+}
+
+// Integer digits at every change of length and of arithmetic width read as
+// std::to_chars writes them.
+TEST(JsonWriter, IntegerDigits) {
+  // 2^63 is INT64_MIN as a signed value.
+  std::vector<uint64_t> values{0, UINT32_MAX, uint64_t{UINT32_MAX} + 1, uint64_t{1} << 63,
+                               UINT64_MAX};
+  for (uint64_t p = 10; p <= UINT64_MAX / 10; p *= 10) {
+    values.insert(values.end(), {p - 1, p, p + 1});
+  }
+  values.insert(values.end(), {9999999999999999999u, 10000000000000000000u});
+  for (uint64_t v : values) {
+    char got[24], want[24];
+    EXPECT_EQ(std::string(got, nmb::json_write_integer(got, v)),
+              std::string(want, std::to_chars(want, want + 24, v).ptr));
+    const auto s = static_cast<int64_t>(v);
+    EXPECT_EQ(std::string(got, nmb::json_write_integer(got, s)),
+              std::string(want, std::to_chars(want, want + 24, s).ptr));
+  }
 }
 
 TEST(JsonWriter, StringEscapes) {
