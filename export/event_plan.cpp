@@ -284,7 +284,9 @@ Cost element_cost(const nmb_field_plan_t& field, const Cost& nested) {
           nested.influx};
 }
 
-Cost member_cost(const nmb_field_plan_t& field, const Cost& nested) {
+// `guid_hex`: the GUID switch is on, so a GUID-named field is written as
+// hex text whatever its type.
+Cost member_cost(const nmb_field_plan_t& field, const Cost& nested, bool guid_hex) {
   const uint64_t key = field.key.size();
   const uint64_t name = 6 * static_cast<uint64_t>(field.name.size());  // escaped Influx key
   const uint64_t count = field.count;
@@ -292,8 +294,9 @@ Cost member_cost(const nmb_field_plan_t& field, const Cost& nested) {
   // The member's own line: indent, key, ": ", and ",\n".
   c.bytes = 4 + key + 2 + 2;
   c.lines = 1;
-  if (field.shape == Shape::kCharString || field.guid_like) {
-    const uint64_t text = field.guid_like ? kNumberText : 2 + 6 * count;
+  const bool hex = field.guid_like && guid_hex;
+  if (field.shape == Shape::kCharString || hex) {
+    const uint64_t text = hex ? kNumberText : 2 + 6 * count;
     c.bytes = add(c.bytes, text);
     c.values = 1;
     c.influx = add(name + 4, add(text, text));  // quotes and backslashes doubled
@@ -317,7 +320,7 @@ Cost member_cost(const nmb_field_plan_t& field, const Cost& nested) {
   return c;
 }
 
-void compute_cost(const nmb_event_plan_t* plan, CostMap& costs) {
+void compute_cost(const nmb_event_plan_t* plan, CostMap& costs, bool guid_hex) {
   CostState& state = costs[plan];
   if (state.visit == Visit::kDone) return;
   if (state.visit == Visit::kOpen) {
@@ -329,13 +332,13 @@ void compute_cost(const nmb_event_plan_t* plan, CostMap& costs) {
   const nmb_event_plan_t* cyclic = nullptr;
   auto visit = [&](const nmb_field_plan_t& field) {
     Cost nested;
-    if (field.kind == Kind::kNested && field.nested != nullptr && !field.guid_like) {
-      compute_cost(field.nested, costs);
+    if (field.kind == Kind::kNested && field.nested != nullptr && !(field.guid_like && guid_hex)) {
+      compute_cost(field.nested, costs, guid_hex);
       const CostState& inner = costs[field.nested];
       if (inner.cyclic != nullptr && cyclic == nullptr) cyclic = inner.cyclic;
       nested = inner.cost;
     }
-    const Cost c = member_cost(field, nested);
+    const Cost c = member_cost(field, nested, guid_hex);
     total = {add(total.bytes, c.bytes), add(total.lines, c.lines), add(total.values, c.values),
              add(total.influx, c.influx)};
   };
@@ -348,21 +351,22 @@ void compute_cost(const nmb_event_plan_t* plan, CostMap& costs) {
   done.visit = Visit::kDone;
 }
 
-void decide_refusal(nmb_event_plan_t& plan, const nmb_schema_t& schema, CostMap& costs) {
-  compute_cost(&plan, costs);
+std::string refusal_of(const nmb_event_plan_t& plan, const nmb_schema_t& schema, CostMap& costs,
+                       bool guid_hex) {
+  compute_cost(&plan, costs, guid_hex);
   const CostState& state = costs[&plan];
   if (state.cyclic != nullptr) {
-    plan.refusal = "Type " + plan.type->name + " of schema " + schema.name +
-                   " cannot be exported: type " + state.cyclic->type->name + " contains itself";
-    return;
+    return "Type " + plan.type->name + " of schema " + schema.name + " cannot be exported: type " +
+           state.cyclic->type->name + " contains itself";
   }
   // The two added timestamp members take well under 200 bytes.
   const uint64_t text = std::max(state.cost.bytes, state.cost.influx) + 200;
   if (text > NMB_MAX_RECORD_TEXT) {
-    plan.refusal = "Type " + plan.type->name + " of schema " + schema.name +
-                   " cannot be exported: one record can expand to more than " +
-                   std::to_string(NMB_MAX_RECORD_TEXT) + " bytes of text";
+    return "Type " + plan.type->name + " of schema " + schema.name +
+           " cannot be exported: one record can expand to more than " +
+           std::to_string(NMB_MAX_RECORD_TEXT) + " bytes of text";
   }
+  return {};
 }
 
 }  // namespace
@@ -406,9 +410,12 @@ void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array
         }
       }
     }
-    CostMap costs;
+    CostMap hex_costs;
+    CostMap plain_costs;
     for (auto& plan : plans) {
-      if (plan) decide_refusal(*plan, *schema, costs);
+      if (!plan) continue;
+      plan->refusal = refusal_of(*plan, *schema, hex_costs, true);
+      plan->refusal_guid_plain = refusal_of(*plan, *schema, plain_costs, false);
     }
   }
 }

@@ -108,8 +108,10 @@ struct nmb_event_plan_t {
   bool selected = false;  // the -i/-e selection
   // Why records of this type cannot be written (a type that contains itself,
   // or one whose record would expand beyond the text bound); empty when they
-  // can. Logged when a block uses the type.
+  // can. Logged when a block uses the type. With the GUID switch off a
+  // GUID-named field is written by its type, so the refusal may differ.
   std::string refusal;
+  std::string refusal_guid_plain;
 };
 
 // The plans of one type system, found by schema and type index.

@@ -249,6 +249,24 @@ TEST_F(EventsE2E, UnsafeTypesAreRefusedWhenABlockUsesThem) {
       run({"-f", "ndjson", write({schema(far)}, {Chunk().events(kT0, 0, 0, 1, Bytes().u64(1))})});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.substr(0, r.out.find(",\"header_timestamp\"")), "{\"x\":0,\"y\":0");
+
+  // A GUID-named field of its own type is hex text while the GUID switch is
+  // on; with it off, the type contains itself.
+  std::string guid = write({schema(doc(R"({"name": "g", "size": 8, "fields": [)" +
+                                       field("node_guid", "g", "0") + "]}"))},
+                           {Chunk().events(kT0, 0, 0, 1, Bytes().u64(1))}, "guid.bin");
+  r = run({"-f", "ndjson", guid});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, r.out.find(",\"header_timestamp\"")),
+            "{\"node_guid\":\"0x0000000000000001\"");
+  RunOptions off;
+  off.env.emplace_back("NMB_CONVERT_GUID_TO_HEX_STRING", "0");
+  r = run({"-f", "ndjson", guid}, off);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(
+      r.err.find("[error] Type g of schema evil cannot be exported: type g contains itself\n"),
+      std::string::npos)
+      << r.err;
 }
 
 }  // namespace
