@@ -70,11 +70,8 @@ bool RecordSink::metrics_block(ByteView block) {
 }
 
 bool refuse_unsafe_plan(const nmb_event_plan_t& plan) {
-  // The switch is read only where it decides.
   const std::string& refusal =
-      plan.refusal == plan.refusal_guid_plain || nmb_event_guid_conversion_on()
-          ? plan.refusal
-          : plan.refusal_guid_plain;
+      nmb_event_guid_conversion_on() ? plan.refusal : plan.refusal_guid_plain;
   if (refusal.empty()) return false;
   NMB_LOG(NMB_LOG_ERROR, "%s", refusal.c_str());
   return true;
