@@ -1,5 +1,6 @@
 #include "counters/counter_value.h"
 
+#include <algorithm>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -19,7 +20,6 @@ nmb_counter_render_t nmb_counter_render_compile(const nmb_counter_info_t& counte
   r.name = counter.name.c_str();
   const int32_t format = counter.string_format;
   const bool has_guid = nmb_name_has_guid(r.name);
-  r.guid_switched = format == NMB_STRING_FORMAT_DECIMAL && nmb_is_guid_field_name(r.name);
   const bool plain = format == NMB_STRING_FORMAT_DEFAULT || format == NMB_STRING_FORMAT_DECIMAL;
   switch (counter.data_type) {
     case NMB_COUNTER_DATA_TYPE_UINT64:
@@ -52,6 +52,11 @@ nmb_counter_render_t nmb_counter_render_compile(const nmb_counter_info_t& counte
     default:
       r.kind = Kind::kSignedNumber;
   }
+  // Whatever the data type: the switch is read when the value is written.
+  if (format == NMB_STRING_FORMAT_DECIMAL && nmb_is_guid_field_name(r.name)) {
+    r.unswitched = r.kind;
+    r.kind = Kind::kGuidSwitched;
+  }
   return r;
 }
 
@@ -60,20 +65,40 @@ bool nmb_counters_guid_switch() {
   return on;
 }
 
-uint64_t nmb_counter_value_end(const nmb_counter_render_t& render) {
-  switch (render.kind) {
+namespace {
+
+uint64_t value_end(Kind kind, uint32_t offset) {
+  switch (kind) {
     case Kind::kString:
       return 0;
     case Kind::kUnsigned128:
     case Kind::kSigned128:
-      return uint64_t{render.offset} + 16;
+      return uint64_t{offset} + 16;
     default:
-      return uint64_t{render.offset} + 8;
+      return uint64_t{offset} + 8;
   }
+}
+
+}  // namespace
+
+uint64_t nmb_counter_value_end(const nmb_counter_render_t& render) {
+  if (render.kind == Kind::kGuidSwitched)
+    return std::max(uint64_t{render.offset} + 8, value_end(render.unswitched, render.offset));
+  return value_end(render.kind, render.offset);
+}
+
+bool nmb_counter_value_room_varies(const nmb_counter_render_t& render) {
+  return render.kind == Kind::kString ||
+         (render.kind == Kind::kGuidSwitched && render.unswitched == Kind::kString);
 }
 
 size_t nmb_counter_value_room(const nmb_counter_render_t& render, const nmb::ByteView& values) {
   switch (render.kind) {
+    case Kind::kGuidSwitched: {
+      nmb_counter_render_t unswitched = render;
+      unswitched.kind = render.unswitched;
+      return std::max<size_t>(NMB_GUID_HEX_LENGTH + 2, nmb_counter_value_room(unswitched, values));
+    }
     case Kind::kUnsignedNumber:
     case Kind::kSignedNumber:
     case Kind::kDoubleNumber:
@@ -103,8 +128,11 @@ char* quoted(char* at, Format&& format) {
 template <bool kInBounds>
 char* nmb_counter_value_write_any(char* at, const nmb_counter_render_t& r,
                                   const nmb::ByteView& values, bool guid_switch) {
-  const Kind kind = guid_switch && r.guid_switched ? Kind::kHex : r.kind;
+  Kind kind = r.kind;
+  if (kind == Kind::kGuidSwitched) kind = guid_switch ? Kind::kHex : r.unswitched;
   switch (kind) {
+    case Kind::kGuidSwitched:
+      return nullptr;  // never the kind a value is written as
     case Kind::kUnsignedNumber:
       return nmb::json_write_unsigned_as_number(at, values.read<uint64_t, kInBounds>(r.offset));
     case Kind::kSignedNumber:

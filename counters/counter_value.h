@@ -22,13 +22,15 @@ enum class nmb_counter_render_kind_t : uint8_t {
   kString,             // STRING: at most `length` bytes up to a zero byte
   kUnsigned128,        // nmb_format_uint128_string
   kSigned128,          // nmb_format_int128_string
+  // A GUID-like name in DECIMAL format: "0x%016lx" of the 64 bits at the
+  // offset while the GUID switch is on, else `unswitched`.
+  kGuidSwitched,
 };
 
 struct nmb_counter_render_t {
   nmb_counter_render_kind_t kind = nmb_counter_render_kind_t::kSignedNumber;
+  nmb_counter_render_kind_t unswitched = nmb_counter_render_kind_t::kSignedNumber;
   int32_t format = 0;
-  // A GUID-like name in DECIMAL format: hex text while the GUID switch is on.
-  bool guid_switched = false;
   uint32_t offset = 0;
   uint32_t length = 0;
   const char* name = nullptr;  // the schema's copy (for messages)
@@ -40,9 +42,13 @@ nmb_counter_render_t nmb_counter_render_compile(const nmb_counter_info_t& counte
 // asked for (just before the first counter value is written).
 bool nmb_counters_guid_switch();
 
-// Bytes of the values area a value reads (where its last byte ends); 0 for
-// strings, whose reads are cut at the end of the buffer.
+// Bytes of the values area a value's fixed-size reads need (where their last
+// byte ends); 0 when it has none (strings, whose reads are cut at the end of
+// the buffer).
 uint64_t nmb_counter_value_end(const nmb_counter_render_t& render);
+
+// True when the room of the value's text depends on the bytes (strings).
+bool nmb_counter_value_room_varies(const nmb_counter_render_t& render);
 
 // Room the value's text needs; for strings, the room for the bytes the area
 // holds at its offset.

@@ -468,9 +468,9 @@ nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& sche
         gp.enriched.push_back(enrichment->compile(member.value.name));
     }
     for (size_t i = 0; i < gp.members.size(); ++i) {
-      const uint64_t end = nmb_counter_value_end(gp.members[i].value);
-      if (end == 0) gp.string_members.push_back(static_cast<uint32_t>(i));
-      gp.values_end = std::max(gp.values_end, end);
+      if (nmb_counter_value_room_varies(gp.members[i].value))
+        gp.string_members.push_back(static_cast<uint32_t>(i));
+      gp.values_end = std::max(gp.values_end, nmb_counter_value_end(gp.members[i].value));
     }
   }
   build_form_text(*plan, plan->forms[0], false);

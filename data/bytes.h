@@ -103,8 +103,10 @@ class ByteView {
     size_t available = readable_ - static_cast<size_t>(offset);
     return {data_ + offset, length < available ? static_cast<size_t>(length) : available};
   }
+  // The same as text; never a null pointer, even when nothing is readable.
   std::string_view chars(uint64_t offset, uint64_t length) const {
     std::span<const uint8_t> b = bytes(offset, length);
+    if (b.empty()) return std::string_view("", 0);
     return {reinterpret_cast<const char*>(b.data()), b.size()};
   }
 

@@ -99,6 +99,22 @@ TEST_F(CountersExport, EveryTypeAndFormat) {
             R"("wi":"0x01000000000000000000000000000000","x":-5,"y":123456}]}]})");
 }
 
+// A whole-word GUID name in DECIMAL format is hex text whatever the data type
+// (the switch is on here), also for the plain unsigned counters that are
+// otherwise written inline, and for a string whose 8 bytes reach past the
+// values area.
+TEST_F(CountersExport, WholeWordGuidNamesInDecimalAreHex) {
+  CounterGroup g("g");
+  g.add(nmb::test::make_counter("Sys_Guid", "UINT64", "DECIMAL"))
+      .add(nmb::test::make_counter("gGuid", "UINT64", "DECIMAL"))
+      .add(nmb::test::make_counter("Port_GUID", "STRING", "DECIMAL", 2));
+  auto schema = load(CountersSchema().group(g));
+  const std::string out = compact(*schema, Bytes().u64(0xab).u64(0xab).fixed("ab", 2).vec());
+  EXPECT_EQ(out.substr(out.find("\"counter_sets\"")),
+            R"("counter_sets":[{"Sys_Guid":"0x00000000000000ab","gGuid":171,)"
+            R"("Port_GUID":"0x0000000000006261"}]}]})");
+}
+
 // Digits are written straight only where the double route gives the same
 // text; beyond 2^53 values still go through the double.
 TEST_F(CountersExport, IntegersAtTheEdgeOfDoublePrecision) {
