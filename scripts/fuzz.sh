@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 
 all_targets=(fuzz_reader fuzz_packed_page fuzz_metrics_payload fuzz_labels_block fuzz_schema
   fuzz_counter_set fuzz_field_set fuzz_metadata fuzz_options fuzz_bin_writer fuzz_path_template
-  fuzz_jobs fuzz_json_writer fuzz_roundtrip)
+  fuzz_jobs fuzz_json_writer fuzz_roundtrip fuzz_differential)
 seconds="${1:?usage: scripts/fuzz.sh SECONDS [target...]}"
 shift
 targets=("$@")
