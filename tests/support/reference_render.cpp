@@ -12,15 +12,21 @@
 
 namespace nmb::test::reference {
 
+Value Value::array() {
+  Value v;
+  v.kind = Kind::kArray;
+  return v;
+}
+
 void Value::set(std::string key, Value value) {
   key = key.substr(0, std::strlen(key.c_str()));  // keys are C strings too
   for (auto& member : members) {
-    if (member.first == key) {
-      member.second = std::move(value);
+    if (member.key == key) {
+      member.value = std::move(value);
       return;
     }
   }
-  members.emplace_back(std::move(key), std::move(value));
+  members.push_back(Member{std::move(key), std::move(value)});
 }
 
 std::optional<Value> number(double value) {
@@ -84,9 +90,9 @@ bool write_value(nmb::JsonWriter& w, const Value& value) {
   switch (value.kind) {
     case Value::Kind::kObject:
       w.begin_object();
-      for (const auto& [key, member] : value.members) {
-        w.key(key);
-        if (!write_value(w, member)) return false;
+      for (const auto& member : value.members) {
+        w.key(member.key);
+        if (!write_value(w, member.value)) return false;
       }
       w.end_object();
       return true;

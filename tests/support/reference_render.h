@@ -23,20 +23,21 @@ namespace nmb::test::reference {
 // One JSON value of a record.
 struct Value {
   enum class Kind { kObject, kArray, kString, kNumber };
+  struct Member;
   Kind kind = Kind::kObject;
-  std::vector<std::pair<std::string, Value>> members;  // objects
-  std::vector<Value> items;                            // arrays
-  std::string text;                                    // strings
-  double number = 0;                                   // numbers
+  std::vector<Member> members;  // objects
+  std::vector<Value> items;     // arrays
+  std::string text;             // strings
+  double number = 0;            // numbers
 
-  static Value object() { return Value{}; }
-  static Value array() {
-    Value v;
-    v.kind = Kind::kArray;
-    return v;
-  }
+  static Value array();
   // Set as a JSON object's member is: a key already present keeps its place.
   void set(std::string key, Value value);
+};
+
+struct Value::Member {
+  std::string key;
+  Value value;
 };
 
 // Values that cannot be JSON values (NaN, infinities, text that is not UTF-8)
