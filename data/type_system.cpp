@@ -250,11 +250,6 @@ std::unique_ptr<nmb_type_system_t> nmb_type_system_create() {
   return ts;
 }
 
-void nmb_type_system_remove_last_schema(nmb_type_system_t& ts) {
-  if (ts.num_schemas == 0) return;
-  ts.schemas[--ts.num_schemas].reset();
-}
-
 bool nmb_type_system_get_counters_schema_md5(nmb_type_system_t& ts, uint8_t (&out)[16]) {
   if (!ts.counters_schema) return true;
   static constexpr uint8_t kZero[16] = {};

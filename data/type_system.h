@@ -125,7 +125,6 @@ enum : int {
 };
 
 std::unique_ptr<nmb_type_system_t> nmb_type_system_create();
-void nmb_type_system_remove_last_schema(nmb_type_system_t& ts);
 bool nmb_type_system_get_counters_schema_md5(nmb_type_system_t& ts, uint8_t (&out)[16]);
 
 std::unique_ptr<nmb_schema_t> nmb_schema_create(const char* name, uint32_t version);

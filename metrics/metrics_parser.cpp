@@ -201,9 +201,9 @@ std::vector<BatchRecord> NmbMetricsParser::parse_metrics(std::span<const uint8_t
     const ByteView batch(payload.data() + batch_start, std::min<size_t>(blocksize, readable),
                          readable);
     PropertyBag bag = decode_batch_header(batch);
-    const auto num_samples = boost::any_cast<uint64_t>(bag.at("num_samples"));
-    const auto timestamp = boost::any_cast<uint64_t>(bag.at("timestamp"));
-    MetricsBatch& metrics = boost::any_cast<MetricsBatch&>(bag.at("metrics"));
+    const uint64_t num_samples = bag_value<uint64_t>(bag, "num_samples");
+    const uint64_t timestamp = bag_value<uint64_t>(bag, "timestamp");
+    MetricsBatch& metrics = bag_value<MetricsBatch>(bag, "metrics");
 
     BatchRecord record;
     const uint64_t length =

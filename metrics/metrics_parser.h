@@ -62,6 +62,12 @@ using CommonLabels = std::unordered_map<std::string, std::string>;
 // A decoded batch header: "length" (u16), "timestamp" (u64), "num_samples"
 // (u64), "metrics" (MetricsBatch), "type" (std::string of one character).
 using PropertyBag = std::map<std::string, boost::any>;
+// The value of `key` as a T (boost::bad_any_cast when it holds another type,
+// std::out_of_range when it is missing).
+template <typename T>
+T& bag_value(PropertyBag& bag, const std::string& key) {
+  return boost::any_cast<T&>(bag.at(key));
+}
 
 // Everything one payload holds, owned by the export of one block.
 struct MetricsTables {

@@ -139,21 +139,6 @@ void nmb_hca_info_fill(nmb_hca_info_t* records, size_t capacity, const char* roo
   }
 }
 
-void nmb_hca_info_print(std::FILE* stream, const nmb_hca_info_t* records, size_t capacity) {
-  const size_t count = nmb_hca_info_count(records, capacity);
-  for (size_t i = 0; i < count; ++i) {
-    const nmb_hca_info_t& r = records[i];
-    const int d = static_cast<int>(i);
-    const int g = static_cast<int>(NMB_HCA_GUID_SIZE);
-    std::fprintf(stream, "info[%d].%-17s = %.*s\n", d, "hca_name",
-                 static_cast<int>(NMB_HCA_NAME_SIZE), r.hca_name);
-    std::fprintf(stream, "info[%d].%-17s = %.*s\n", d, "node_guid", g, r.node_guid);
-    std::fprintf(stream, "info[%d].%-17s = %.*s\n", d, "system_image_guid", g, r.system_image_guid);
-    std::fprintf(stream, "info[%d].%-17s = %.*s\n", d, "port_1_guid", g, r.port_1_guid);
-    std::fprintf(stream, "info[%d].%-17s = %.*s\n", d, "port_2_guid", g, r.port_2_guid);
-  }
-}
-
 char* nmb_get_host_name(char* buffer, size_t size) {
   if (buffer == nullptr || size == 0) return nullptr;
   if (const char* name = nmb_getenv("NMB_HOST_NAME")) {
@@ -170,15 +155,4 @@ char* nmb_get_host_name(char* buffer, size_t size) {
 bool nmb_client_id_create(nmb_client_id_t& id) {
   std::memset(&id, 0, sizeof id);
   return nmb_get_host_name(id.host_name, sizeof id.host_name) != nullptr;
-}
-
-void nmb_client_id_print_layout(std::FILE* stream) {
-  std::fprintf(stream, "Client identifier nmb_client_id_t\n");
-  std::fprintf(stream, "Field                 Offset    Size\n");
-  std::fprintf(stream, " %-25s  %-8lu  %-lu\n", "host_name",
-               static_cast<unsigned long>(offsetof(nmb_client_id_t, host_name)),
-               static_cast<unsigned long>(sizeof(nmb_client_id_t::host_name)));
-  std::fprintf(stream, " %-25s  %-8lu  %-lu\n", "port",
-               static_cast<unsigned long>(offsetof(nmb_client_id_t, port)),
-               static_cast<unsigned long>(sizeof(nmb_client_id_t::port)));
 }

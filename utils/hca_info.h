@@ -41,8 +41,6 @@ int nmb_hca_info_to_json(const uint64_t* timestamp, const nmb_hca_info_t* record
 // NMB_INFINIBAND_ROOT): adapters in name order, their GUID files parsed.
 void nmb_hca_info_fill(nmb_hca_info_t* records, size_t capacity,
                        const char* root = NMB_INFINIBAND_ROOT);
-// "info[%d].%-17s = %.*s" lines, five per used record.
-void nmb_hca_info_print(std::FILE* stream, const nmb_hca_info_t* records, size_t capacity);
 // One GUID file's content (at most 40 bytes) as 16 hex digits: a GID's
 // subnet prefix (the first 20 bytes of a long text) is dropped, then every
 // fifth byte (the colons and the newline).
@@ -53,5 +51,3 @@ void nmb_hca_info_parse_guid(const char* text, size_t length, char (&field)[NMB_
 char* nmb_get_host_name(char* buffer, size_t size);
 // A zero-filled client identifier with the host name; false when none is found.
 bool nmb_client_id_create(nmb_client_id_t& id);
-// The field layout of the client identifier.
-void nmb_client_id_print_layout(std::FILE* stream);

@@ -209,13 +209,13 @@ TEST_F(MetricsParser, ReadsThatRunPastThePayloadFail) {
 TEST_F(MetricsParser, TheBatchHeaderIsAPropertyBagOfExactTypes) {
   ByteVec bytes = Batch(77, 'G').sample(1, 2).bytes();
   nmb::metrics::PropertyBag bag = NmbMetricsParser::decode_batch_header(nmb::ByteView(bytes));
-  EXPECT_EQ(boost::any_cast<uint16_t>(bag.at("length")), bytes.size());
-  EXPECT_EQ(boost::any_cast<uint64_t>(bag.at("timestamp")), 77u);
-  EXPECT_EQ(boost::any_cast<uint64_t>(bag.at("num_samples")), 1u);
-  EXPECT_EQ(boost::any_cast<std::string>(bag.at("type")), "G");
-  EXPECT_EQ(boost::any_cast<nmb::metrics::MetricsBatch&>(bag.at("metrics")).samples.size(), 1u);
+  EXPECT_EQ(nmb::metrics::bag_value<uint16_t>(bag, "length"), bytes.size());
+  EXPECT_EQ(nmb::metrics::bag_value<uint64_t>(bag, "timestamp"), 77u);
+  EXPECT_EQ(nmb::metrics::bag_value<uint64_t>(bag, "num_samples"), 1u);
+  EXPECT_EQ(nmb::metrics::bag_value<std::string>(bag, "type"), "G");
+  EXPECT_EQ(nmb::metrics::bag_value<nmb::metrics::MetricsBatch>(bag, "metrics").samples.size(), 1u);
   try {
-    boost::any_cast<uint16_t>(bag.at("num_samples"));
+    nmb::metrics::bag_value<uint16_t>(bag, "num_samples");
     ADD_FAILURE() << "num_samples is stored widened";
   } catch (const boost::bad_any_cast& e) {
     EXPECT_STREQ(e.what(), "boost::bad_any_cast: failed conversion using boost::any_cast");
