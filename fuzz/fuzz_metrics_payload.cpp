@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "utils/json_writer.h"
 #include "fuzz/fuzz_inputs.h"
 #include "metrics/metrics_export.h"
 #include "metrics/metrics_parser.h"
+#include "utils/json_writer.h"
 
 namespace {
 

@@ -9,9 +9,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_targets=(fuzz_reader fuzz_packed_page fuzz_metrics_payload fuzz_labels_block fuzz_schema
-  fuzz_counter_set fuzz_field_set fuzz_metadata fuzz_options fuzz_bin_writer fuzz_path_template
-  fuzz_jobs fuzz_json_writer fuzz_roundtrip fuzz_differential)
+# The targets and their dictionaries: fuzz/targets.txt, which the build reads too.
+mapfile -t all_targets < <(awk '/^fuzz_/ {print $1}' fuzz/targets.txt)
 seconds="${1:?usage: scripts/fuzz.sh SECONDS [target...]}"
 shift
 targets=("$@")
@@ -19,15 +18,7 @@ targets=("$@")
 parallel="${NMB_FUZZ_PARALLEL:-2}"
 
 dict_of() {
-  case "$1" in
-    fuzz_reader | fuzz_packed_page | fuzz_jobs) echo fuzz/reader.dict ;;
-    fuzz_schema) echo fuzz/schema.dict ;;
-    fuzz_metrics_payload) echo fuzz/metrics.dict ;;
-    fuzz_counter_set | fuzz_field_set) echo fuzz/filter.dict ;;
-    fuzz_metadata) echo fuzz/metadata.dict ;;
-    fuzz_options) echo fuzz/options.dict ;;
-    fuzz_path_template) echo fuzz/path_template.dict ;;
-  esac
+  awk -v t="$1" '$1 == t && $2 != "-" {print "fuzz/" $2}' fuzz/targets.txt
 }
 
 cmake --preset fuzz >/dev/null

@@ -2,7 +2,7 @@
 # Installs the Debian packages that building and testing nmb_read need, when missing.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev zlib1g-dev libsnappy-dev libssl-dev
+packages=(cmake ninja-build g++ clang clang-format libclang-rt-14-dev zlib1g-dev libsnappy-dev libssl-dev
           libboost-dev libdeflate-dev nlohmann-json3-dev libgtest-dev pkg-config
           valgrind  # scripts/memcheck.sh runs the end-to-end tests under valgrind
           influxdb curl  # the Influx output's end-to-end test writes into a real InfluxDB 1.x

@@ -8,6 +8,8 @@ bash scripts/setup.sh
 
 # The shape of the code: no forbidden include between folders, no include circle.
 python3 scripts/check_layers.py
+# Every C++ file as the committed .clang-format writes it.
+git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror
 
 # Every fuzz target for a short while (clang, libFuzzer; NMB_FUZZ_SECONDS
 # each, two at a time): a crash, leak, hang or failed check fails the script
