@@ -14,6 +14,10 @@
 //
 // Every field of the file header can be set to a wrong value. Chunks are padded
 // with zeros to the block size unless told otherwise (short last chunk).
+//
+// One header, three sources: data_builder.cpp (packers, ids, blocks, chunks,
+// headers, files), page_builder.cpp (compression, packed pages) and
+// schema_builder.cpp (schema files).
 #pragma once
 
 #include <array>
