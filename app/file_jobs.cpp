@@ -38,9 +38,9 @@ class FileJobs {
       {
         std::unique_lock lock(mutex_);
         room_.wait(lock, [this] {
-          return next_start_ >= slots_.size() || next_start_ < next_written_ + window_;
+          return stopped_ || next_start_ >= slots_.size() || next_start_ < next_written_ + window_;
         });
-        if (next_start_ >= slots_.size()) return;
+        if (stopped_ || next_start_ >= slots_.size()) return;
         index = next_start_++;
       }
       // Standard output goes live when the file's turn comes while it runs.
@@ -70,12 +70,13 @@ class FileJobs {
     }
   }
 
-  // Writes the files out in order as they are done; returns the failures.
+  // Writes the files out in order as they are done, up to the first failed
+  // write to standard output; returns the failures.
   int write_in_order() {
     nmb::OutputBuffer& out = nmb::stdout_buffer();
     nmb::OutputBuffer err(STDERR_FILENO, 0);
     int failed = 0;
-    for (size_t index = 0; index < slots_.size(); ++index) {
+    for (size_t index = 0; index < slots_.size() && nmb::output_error() == 0; ++index) {
       FileSlot slot;
       {
         std::unique_lock lock(mutex_);
@@ -97,6 +98,13 @@ class FileJobs {
       }
       room_.notify_all();
     }
+    {
+      // Files not started yet are not started; those running stop at their
+      // next chunk when output has failed.
+      std::lock_guard lock(mutex_);
+      stopped_ = true;
+    }
+    room_.notify_all();
     return failed;
   }
 
@@ -111,6 +119,7 @@ class FileJobs {
   std::vector<FileSlot> slots_;
   size_t next_start_ = 0;
   size_t next_written_ = 0;
+  bool stopped_ = false;
   const size_t window_;
   const size_t piece_;
   const nmb_file_job_t& job_;

@@ -20,6 +20,15 @@ void apply_locale_rule() {
   }
 }
 
+// Writes out what is left for standard output; false (said once on standard
+// error) when some of the output could not be written.
+bool finish_output() {
+  const int error = nmb::finish_stdout();
+  if (error == 0) return true;
+  std::fprintf(stderr, "nmb_read: write error: %s\n", std::strerror(error));
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -30,12 +39,12 @@ int main(int argc, char** argv) {
     nmb_read_print_help();
     return 1;
   }
-  if (exit_now) return 0;
+  if (exit_now) return finish_output() ? 0 : 1;
   nmb_init_stderr_logger(options.verbosity);
   if (options.files.empty()) std::fputs("No input files specified\n", stderr);
   nmb_string_array_print(NMB_LOG_DEBUG, options.files, "data file");
   int failed = nmb_run(options);
-  nmb::stdout_buffer().flush();
+  if (!finish_output()) return 1;
   if (failed <= 0) return 0;
   std::fprintf(stderr, "Failed to read %d of %zu files\n", failed, options.files.size());
   return 1;

@@ -258,7 +258,8 @@ int nmb_run(const nmb_read_options_t& options) {
   }
   nmb::RunProgress progress(paths.size());
   if (jobs <= 1) {
-    for (size_t i = 0; i < paths.size(); ++i) {
+    // A failed write to standard output ends the run: no further file.
+    for (size_t i = 0; i < paths.size() && nmb::output_error() == 0; ++i) {
       if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0)) ++failed;
       progress.file_done();
     }

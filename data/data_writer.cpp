@@ -239,6 +239,12 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
       appended = append(state, padded.data(), padded.size());
     }
   }
+  ++losses_.pages;
+  if (appended == 0 && losses_.lost++ == 0) {
+    losses_.first = !state.path.empty() ? state.path
+                                        : "no output file for source '" + state.source_id +
+                                              "' tag '" + state.source_tag + "'";
+  }
 
   if (config_.data_size_limit != 0) {
     if (opened) {

@@ -66,6 +66,16 @@ class DataWriter {
   // Writes one page (never fails; what cannot be written is logged).
   void save_page(const DataPage& page, const nmb_type_system_t* ts);
 
+  // Pages that went to be written (those the writer skips by its rules not
+  // counted), those of them that could not be, and where the first of those
+  // was to go (its file, or that it had none and whose it was).
+  struct Losses {
+    uint64_t pages = 0;
+    uint64_t lost = 0;
+    std::string first;
+  };
+  const Losses& losses() const { return losses_; }
+
  private:
   struct FileCloser {
     void operator()(std::FILE* f) const { std::fclose(f); }
@@ -98,6 +108,7 @@ class DataWriter {
   std::map<std::pair<std::string, std::string>, OutputState> states_;
   std::deque<std::pair<std::string, uint64_t>> written_;  // oldest first
   uint64_t total_written_ = 0;
+  Losses losses_;
   std::map<std::string, std::string> node_info_digests_;  // file -> digest written
   std::vector<nmb_hca_info_t> node_table_;                // read on first use
 };

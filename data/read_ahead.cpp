@@ -81,12 +81,14 @@ class ReadAhead {
       switch (current_.kind) {
         case ReadItem::kChunks:
           for (size_t i = 0; i < current_.sizes.size(); ++i) {
+            if (nmb::output_error() != 0) return true;  // nothing more reaches the user
             const nmb::ByteView chunk(current_.chunks + i * block_size_, current_.sizes[i],
                                       block_size_);
             if (!nmb_reader_process_block(reader_, chunk, false)) return false;
           }
           break;
         case ReadItem::kPage: {
+          if (nmb::output_error() != 0) return true;
           // What follows a piece of the page is the rest of the page; past
           // the page's end reads give zeros.
           const nmb::ByteView page(current_.page.bytes.get(), current_.page_size,

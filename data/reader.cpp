@@ -341,6 +341,7 @@ bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const
   size_t offset = 0;
   std::span<const uint8_t> payload;
   while (nmb_next_packed_page(chunk, offset, payload)) {
+    if (nmb::output_error() != 0) return true;  // nothing more reaches the user
     size_t page_size = 0;
     if (!nmb_decode_packed_page(payload, reader.page_buffer, reader.page_capacity, page_size))
       return false;
@@ -422,6 +423,9 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
   uint8_t* const chunk = reader.chunk.get();
 
   for (;;) {
+    // Once standard output has failed, the file ends here quietly: the run
+    // stops after it and says why once.
+    if (nmb::output_error() != 0) return true;
     size_t size = 0;
     const nmb_chunk_read_t read = nmb_reader_read_chunk(reader, chunk, size);
     if (read != NMB_CHUNK_READ) return read == NMB_CHUNK_END;

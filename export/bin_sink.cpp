@@ -40,7 +40,23 @@ void BinSink::header_read(const uint8_t* header) {
 
 void BinSink::end_data(bool ok) {
   TextSink::end_data(ok);
+  if (writer_) {
+    const DataWriter::Losses& file = writer_->losses();
+    if (losses_.lost == 0 && file.lost > 0) losses_.first = file.first;
+    losses_.pages += file.pages;
+    losses_.lost += file.lost;
+  }
   writer_.reset();  // finishes the headers of the files written
+}
+
+void BinSink::end_run(bool completed) {
+  TextSink::end_run(completed);
+  // Each failed page was logged where it failed (the first of a series of
+  // failures in one file only): the tally says how much is missing.
+  if (losses_.lost == 0) return;
+  NMB_LOG(NMB_LOG_WARNING, "[data_writer] %lu of %lu pages were not written; the first: %s",
+          static_cast<unsigned long>(losses_.lost), static_cast<unsigned long>(losses_.pages),
+          losses_.first.c_str());
 }
 
 bool BinSink::write_event(const nmb_event_plan_t& /*plan*/, ByteView /*record*/,

@@ -22,6 +22,7 @@ class BinSink : public TextSink {
   bool file_opened(const char* path) override;
   void header_read(const uint8_t* header) override;
   void end_data(bool ok) override;
+  void end_run(bool completed) override;
 
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;
@@ -35,6 +36,7 @@ class BinSink : public TextSink {
   DataPage page_;                       // reused while the page size repeats
   uint8_t counters_schema_id_[NMB_SCHEMA_ID_SIZE] = {};
   uint32_t file_block_size_ = 0;
+  DataWriter::Losses losses_;  // of the run's files
 };
 
 }  // namespace nmb

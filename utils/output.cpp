@@ -24,6 +24,13 @@ namespace {
 thread_local OutputBuffer* t_stdout_capture = nullptr;
 thread_local OutputBuffer* t_stderr_capture = nullptr;
 
+std::atomic<int> g_output_error{0};
+
+void note_output_error(int code) {
+  int none = 0;
+  g_output_error.compare_exchange_strong(none, code != 0 ? code : EIO);
+}
+
 // A temporary file in TMPDIR (or /tmp) without a name (O_TMPFILE), or
 // unlinked as soon as it is made where the file system cannot do that:
 // nothing is left behind whatever ends the process, a signal included.
@@ -159,13 +166,20 @@ namespace {
 // piece instead of the whole cap.
 constexpr size_t kPieceSize = size_t{1} << 20;
 
+// Writes everything or notes why it could not (standard error excepted:
+// there is nowhere to say that it failed). After a failure nothing more of
+// the output is written: the user's copy already lacks a piece.
 void write_out(int fd, const char* data, size_t left) {
-  StderrWrite clear_status_line(fd == STDERR_FILENO);
+  const bool to_stderr = fd == STDERR_FILENO;
+  if (left == 0 || (!to_stderr && output_error() != 0)) return;
+  StderrWrite clear_status_line(to_stderr);
   while (left > 0) {
     ssize_t written = ::write(fd, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      break;  // a closed pipe: nothing more can be delivered
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      // A write that takes nothing of a non-empty buffer has run out of room.
+      if (!to_stderr) note_output_error(written == 0 ? ENOSPC : errno);
+      return;
     }
     data += written;
     left -= static_cast<size_t>(written);
@@ -176,15 +190,20 @@ void write_out(int fd, const char* data, size_t left) {
 // where the target allows it, by reads and writes otherwise (an append-mode
 // target, for one).
 void copy_spill(int from, int fd) {
+  const bool to_stderr = fd == STDERR_FILENO;
+  if (!to_stderr && output_error() != 0) return;
   off_t offset = 0;
   {
-    StderrWrite clear_status_line(fd == STDERR_FILENO);
+    StderrWrite clear_status_line(to_stderr);
     for (;;) {
       ssize_t sent = ::sendfile(fd, from, &offset, size_t{1} << 30);
       if (sent > 0) continue;
       if (sent == 0) return;
       if (errno == EINTR) continue;
-      if (errno != EINVAL && errno != ENOSYS) return;  // a closed pipe
+      if (errno != EINVAL && errno != ENOSYS) {
+        if (!to_stderr) note_output_error(errno);
+        return;
+      }
       break;
     }
   }
@@ -193,6 +212,7 @@ void copy_spill(int from, int fd) {
   for (;;) {
     ssize_t n = ::read(from, block.data(), block.size());
     if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && !to_stderr) note_output_error(errno);
     if (n <= 0) return;
     write_out(fd, block.data(), static_cast<size_t>(n));
   }
@@ -271,6 +291,17 @@ void OutputBuffer::move_to(OutputBuffer& target) {
   }
   target.flush();
   drain_to(target.fd_);
+}
+
+int output_error() {
+  return g_output_error.load(std::memory_order_relaxed);
+}
+
+int finish_stdout() {
+  stdout_buffer().flush();
+  // Closed before the run (EBADF): any write would have failed already.
+  if (::close(STDOUT_FILENO) != 0 && errno != EBADF && errno != EINTR) note_output_error(errno);
+  return output_error();
 }
 
 OutputBuffer& stdout_buffer() {

@@ -90,6 +90,16 @@ void append_vprintf(std::string& out, const char* format, va_list args)
 // The process's standard output, or the capture of this thread's file.
 OutputBuffer& stdout_buffer();
 
+// The first error met writing standard output, or the temporary files that
+// hold a file's output until its turn, as an errno value; 0 while every such
+// write has succeeded. Once it is set nothing more is written there, and
+// readers stop at their next chunk: what follows could not reach the user.
+int output_error();
+// Writes out what the standard output buffer holds and closes standard
+// output, so that an error the close reports (a delayed write on a network
+// file system) is seen too; returns output_error().
+int finish_stdout();
+
 // While alive, what this thread writes to standard output (stdout_buffer)
 // and the log lines and reports it writes to standard error go to `out` and
 // `err` instead.

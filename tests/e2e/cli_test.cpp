@@ -92,9 +92,10 @@ TEST(Cli, BinaryOutputNeedsAnExistingFolder) {
   namespace fs = std::filesystem;
   fs::path dir = fs::temp_directory_path() / "nmb_cli_output_test";
   fs::create_directories(dir / "schema");
-  auto result =
-      run_binary(NMB_READ_BINARY, {"-s", "schema", "-f", "bin", "-o", "/nonexistent", "x.bin"},
-                 nmb::test::RunOptions{dir.string(), {}, {}});
+  nmb::test::RunOptions in_dir;
+  in_dir.cwd = dir.string();
+  auto result = run_binary(NMB_READ_BINARY,
+                           {"-s", "schema", "-f", "bin", "-o", "/nonexistent", "x.bin"}, in_dir);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "Output folder '/nonexistent' does not exits\n");
   EXPECT_EQ(result.out, kHelp);
@@ -125,8 +126,10 @@ TEST(Cli, UnknownOptionIsReportedAndIgnored) {
 }
 
 TEST(Cli, DebugLogLinesCarryTimestampAndLevelWord) {
-  auto result = run_binary(NMB_READ_BINARY, {"-v", "7", "-f", "ndjson", "-s", "/", "/a.bin"},
-                           nmb::test::RunOptions{"", {{"NMB_API_LOG_LEVEL", "7"}}, {}});
+  nmb::test::RunOptions debug;
+  debug.env = {{"NMB_API_LOG_LEVEL", "7"}};
+  auto result =
+      run_binary(NMB_READ_BINARY, {"-v", "7", "-f", "ndjson", "-s", "/", "/a.bin"}, debug);
   EXPECT_TRUE(nmb::test::starts_with_log_timestamp(result.err)) << result.err;
   EXPECT_NE(nmb::test::strip_log_timestamps(result.err).find("[debug] data file[0] = /a.bin\n"),
             std::string::npos)
@@ -134,12 +137,10 @@ TEST(Cli, DebugLogLinesCarryTimestampAndLevelWord) {
 }
 
 TEST(Cli, EnvironmentConflictWarnsAndPrefersThePrefixedName) {
-  auto result = run_binary(
-      NMB_READ_BINARY, {"-f", "ndjson"},
-      nmb::test::RunOptions{
-          "",
-          {{"NMB_API_LOG_LEVEL", "4"}, {"NMB_DONT_SET_LOCALE", "1"}, {"DONT_SET_LOCALE", "0"}},
-          {}});
+  nmb::test::RunOptions conflict;
+  conflict.env = {
+      {"NMB_API_LOG_LEVEL", "4"}, {"NMB_DONT_SET_LOCALE", "1"}, {"DONT_SET_LOCALE", "0"}};
+  auto result = run_binary(NMB_READ_BINARY, {"-f", "ndjson"}, conflict);
   EXPECT_EQ(nmb::test::strip_log_timestamps(result.err),
             "[warning] [nmb_getenv] Environment variables conflict - NMB_DONT_SET_LOCALE=1 and "
             "DONT_SET_LOCALE=0. Using NMB_DONT_SET_LOCALE\n"

@@ -43,7 +43,7 @@ class FiltersE2E : public ::testing::Test {
   RunResult run(std::vector<std::string> args) const {
     args.insert(args.begin(), {"-s", dir_.file("schema"), "-f", "ndjson"});
     args.push_back(data_);
-    RunResult result = run_binary(NMB_READ_BINARY, args, {{}, {{"TZ", "UTC"}}, {}});
+    RunResult result = run_binary(NMB_READ_BINARY, args);
     result.err = strip_log_timestamps(result.err);
     return result;
   }

@@ -1,10 +1,12 @@
 #include "tests/support/run_binary.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 
@@ -31,6 +33,17 @@ RunResult run_binary(const std::string& program, const std::vector<std::string>&
     close(out_pipe[1]);
     close(err_pipe[0]);
     close(err_pipe[1]);
+    if (!options.stdout_path.empty()) {
+      int fd = open(options.stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) _exit(127);
+      close(fd);
+    } else if (options.stdout_closed_pipe) {
+      int gone[2];
+      if (pipe(gone) != 0 || dup2(gone[1], STDOUT_FILENO) < 0) _exit(127);
+      close(gone[0]);
+      close(gone[1]);
+      signal(SIGPIPE, SIG_IGN);  // stays ignored across exec
+    }
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(127);
     // Timestamps render in local time: pin it so that expected texts hold on
     // any machine (a test may still set TZ itself).

@@ -18,6 +18,10 @@ struct RunOptions {
   std::string cwd;                                       // empty: current directory
   std::vector<std::pair<std::string, std::string>> env;  // added or replaced variables
   std::vector<std::string> unset_env;                    // removed variables
+  // Standard output goes to this file instead of being captured ("/dev/full").
+  std::string stdout_path;
+  // Standard output is a pipe nobody reads any more, and SIGPIPE is ignored.
+  bool stdout_closed_pipe = false;
 };
 
 RunResult run_binary(const std::string& program, const std::vector<std::string>& args,
