@@ -11,7 +11,6 @@
 
 #include "counters/counter_value.h"
 #include "data/format.h"
-#include "export/record_output.h"
 #include "export/value_format.h"
 #include "filter/metadata.h"
 #include "utils/json_writer.h"
@@ -504,18 +503,4 @@ bool nmb_counters_block_to_json(std::string& out, nmb::ByteView block,
   }
   append_piece(out, form, form.close);
   return true;
-}
-
-int nmb_export_counters_block(nmb::RecordOutput& out, nmb::ByteView block,
-                              nmb_counters_writer_t& writer) {
-  const nmb::ExportSettings& settings = out.settings();
-  if (settings.print_headers) {
-    uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
-    block.copy(0, header, sizeof header);
-    nmb_print_counters_block_header(header);
-    return 1;
-  }
-  const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
-  if (timestamp < settings.timestamp_gt || timestamp > settings.timestamp_lt) return 1;
-  return writer.write_counters(block) ? 1 : 0;
 }

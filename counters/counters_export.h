@@ -12,17 +12,6 @@
 
 struct nmb_metadata_t;  // filter/metadata.h
 
-namespace nmb {
-class RecordOutput;
-}
-
-// What an output format writes for one counters block.
-class nmb_counters_writer_t {
- public:
-  virtual ~nmb_counters_writer_t() = default;
-  virtual bool write_counters(nmb::ByteView block) = 0;
-};
-
 // The compiled plan of a counters schema.
 struct nmb_counters_plan_t;
 struct nmb_counters_plan_deleter {
@@ -37,12 +26,6 @@ using nmb_counters_plan_ptr = std::unique_ptr<nmb_counters_plan_t, nmb_counters_
 // schema's or the metadata's strings.
 nmb_counters_plan_ptr nmb_counters_plan_create(const nmb_counters_schema_t& schema,
                                                const nmb_metadata_t* metadata = nullptr);
-
-// One counters block: with -p its header is printed instead; blocks outside
-// the time bounds are skipped; the rest go to the writer. 1 on success or
-// skip, 0 on failure.
-int nmb_export_counters_block(nmb::RecordOutput& out, nmb::ByteView block,
-                              nmb_counters_writer_t& writer);
 
 // Appends the block as one JSON object (pretty or compact) to out; false when
 // a value cannot be a JSON value (out is then cut back to where it was).

@@ -162,7 +162,7 @@ class ReadAhead {
     }
     chunk_bytes_t batch(static_cast<uint8_t*>(std::calloc(batch_chunks_, block_size_)));
     if (!batch) {
-      nmb_reader_chunk_allocation_failed(batch_chunks_ * block_size_);
+      nmb_reader_allocation_failed(batch_chunks_ * block_size_);
       return nullptr;
     }
     uint8_t* bytes = batch.get();

@@ -120,12 +120,6 @@ bool compressed_input_cut_short(gzFile file) {
   return error == Z_BUF_ERROR;
 }
 
-bool allocation_failed(uint64_t size) {
-  NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %lu: %s",
-          static_cast<unsigned long>(size), std::strerror(ENOMEM));
-  return false;
-}
-
 }  // namespace
 
 nmb_reader_context_t::nmb_reader_context_t() = default;
@@ -308,7 +302,7 @@ bool nmb_next_packed_page(std::span<const uint8_t> chunk, size_t& offset,
 bool nmb_decode_packed_page(std::span<const uint8_t> payload, std::unique_ptr<uint8_t[]>& buffer,
                             size_t& capacity, size_t& page_size) {
   uint64_t size = nmb_encoded_payload_decoded_size(payload);
-  if (size > NMB_MAX_DECODED_PAGE_SIZE) return allocation_failed(size);
+  if (size > NMB_MAX_DECODED_PAGE_SIZE) return nmb_reader_allocation_failed(size);
   page_size = static_cast<size_t>(size);
   if (page_size > capacity || !buffer) {
     buffer.reset();
@@ -317,7 +311,7 @@ bool nmb_decode_packed_page(std::span<const uint8_t> payload, std::unique_ptr<ui
       // Left unfilled: decoding writes every byte of a page it accepts.
       buffer = std::make_unique_for_overwrite<uint8_t[]>(page_size + 1);
     } catch (const std::bad_alloc&) {
-      return allocation_failed(size);
+      return nmb_reader_allocation_failed(size);
     }
     capacity = page_size;
   }
@@ -417,8 +411,7 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
   const uint32_t block_size = nmb_header_block_size(reader.header);
   reader.chunk.reset(static_cast<uint8_t*>(std::calloc(block_size, 1)));
   if (!reader.chunk) {
-    nmb_reader_chunk_allocation_failed(block_size);
-    return false;
+    return nmb_reader_allocation_failed(block_size);
   }
   uint8_t* const chunk = reader.chunk.get();
 
@@ -436,9 +429,10 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
   }
 }
 
-void nmb_reader_chunk_allocation_failed(size_t size) {
-  NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %u: %s",
-          static_cast<unsigned>(size), std::strerror(ENOMEM));
+bool nmb_reader_allocation_failed(uint64_t size) {
+  NMB_LOG(NMB_LOG_ERROR, "Failed to allocate data block of size %lu: %s",
+          static_cast<unsigned long>(size), std::strerror(ENOMEM));
+  return false;
 }
 
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,

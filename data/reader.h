@@ -95,8 +95,9 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader);
 enum nmb_chunk_read_t { NMB_CHUNK_READ, NMB_CHUNK_END, NMB_CHUNK_FAILED };
 // Reads the next chunk of at most the header's block size into `chunk`.
 nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* chunk, size_t& size);
-// Logs that a chunk buffer of `size` bytes could not be allocated.
-void nmb_reader_chunk_allocation_failed(size_t size);
+// Logs that a buffer of `size` bytes (a chunk, a batch of chunks, a decoded
+// page) could not be allocated; returns false.
+bool nmb_reader_allocation_failed(uint64_t size);
 // The payload of the packed page at `offset` of a page chunk, and `offset`
 // moved past the page; false where the chunk's pages end (quietly: a page
 // that does not fit or lacks its trailer ends the chunk).

@@ -24,10 +24,12 @@ class BinSink : public TextSink {
   void end_data(bool ok) override;
   void end_run(bool completed) override;
 
-  bool write_event(const nmb_event_plan_t& plan, ByteView record,
-                   const nmb_header_timestamp_t& ts) override;
   bool takes_pages() const override { return true; }
   bool data_page(std::span<const uint8_t> payload, ByteView page) override;
+
+ protected:
+  bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                   const nmb_header_timestamp_t& ts) override;
 
  private:
   DataWriterConfig writer_config_;

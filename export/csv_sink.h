@@ -10,6 +10,7 @@ class CsvSink : public RecordSink {
   CsvSink(const ExportSettings& settings, OutputBuffer& buffer)
       : RecordSink(settings, buffer, false) {}
 
+ protected:
   bool write_counters(ByteView /*block*/) override {
     output().report("CSV output is not supported yet");
     return true;
@@ -17,7 +18,6 @@ class CsvSink : public RecordSink {
   bool write_event(const nmb_event_plan_t& /*plan*/, ByteView /*record*/,
                    const nmb_header_timestamp_t& /*ts*/) override {
     output().report("CSV output is not supported yet");
-    output().count_record();
     return true;
   }
   bool write_metrics(const metrics::MetricsTables& /*tables*/) override {

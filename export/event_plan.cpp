@@ -82,10 +82,10 @@ nmb_field_plan_t plan_field(const nmb_type_field_definition_t& field, const Plan
   return plan;
 }
 
-bool field_can_fail(const nmb_field_plan_t& field) {
-  if (field.shape == Shape::kCharString) return true;
-  if (field.kind == Kind::kNested) return field.nested != nullptr && field.nested->can_fail;
-  return field.kind == Kind::kF32 || field.kind == Kind::kF64;
+// Strings, floats and nested values may fail to build.
+bool value_can_fail(const nmb_field_plan_t& field) {
+  return field.shape == Shape::kCharString || field.kind == Kind::kNested ||
+         field.kind == Kind::kF32 || field.kind == Kind::kF64;
 }
 
 void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
@@ -107,11 +107,8 @@ void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
       member = std::move(field_plan);
     }
   }
-  // Whether a nested value can fail is known only once every plan is
-  // compiled, so replaced nested values are all kept.
   for (auto& field : replaced) {
-    if (field_can_fail(field) || field.kind == Kind::kNested)
-      plan.checks.push_back(std::move(field));
+    if (value_can_fail(field)) plan.checks.push_back(std::move(field));
   }
   for (size_t i = 0; i < plan.members.size(); ++i) {
     if (plan.members[i].name == "header_timestamp")
@@ -394,21 +391,6 @@ void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array
       compile_plan(*plans[t], type, index);
       compile_json_layout(*plans[t]);
       plans[t]->selected = nmb_type_name_is_selected(type.name.c_str(), include, exclude);
-    }
-    // Whether a record can fail depends on nested plans: settle it by rounds
-    // (flags only ever turn on, so this ends, also for types that contain
-    // themselves).
-    for (bool changed = true; changed;) {
-      changed = false;
-      for (auto& plan : plans) {
-        if (!plan || plan->can_fail) continue;
-        bool can_fail = !plan->checks.empty();
-        for (const auto& member : plan->members) can_fail = can_fail || field_can_fail(member);
-        if (can_fail) {
-          plan->can_fail = true;
-          changed = true;
-        }
-      }
     }
     CostMap hex_costs;
     CostMap plain_costs;

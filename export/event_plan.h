@@ -104,7 +104,6 @@ struct nmb_event_plan_t {
   int header_timestamp_member = -1;
   int formatted_timestamp_member = -1;
   nmb_event_json_layout_t json;
-  bool can_fail = false;  // some value of a record may fail to build
   bool selected = false;  // the -i/-e selection
   // Why records of this type cannot be written (a type that contains itself,
   // or one whose record would expand beyond the text bound); empty when they

@@ -14,14 +14,16 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "export/serializer.h"
+#include "data/bytes.h"
+
+struct nmb_event_plan_t;
 
 namespace nmb::data {
 
-class InfluxSerializer : public Serializer {
+class InfluxSerializer {
  public:
   InfluxSerializer();
-  ~InfluxSerializer() override;
+  ~InfluxSerializer();
 
   // The file header's source id and source tag (empty ones are left out).
   void set_source(std::string_view source_id, std::string_view source_tag);
@@ -29,8 +31,10 @@ class InfluxSerializer : public Serializer {
   // counts.
   void clear_types();
 
+  // Appends the record's line and its newline to `out`. False, with nothing
+  // appended, when the record leaves nothing to write.
   bool serialize(const nmb_event_plan_t& plan, ByteView record, uint64_t header_timestamp,
-                 std::string& out) override;
+                 std::string& out);
 
   struct Members;
   struct TypeLines;

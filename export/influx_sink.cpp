@@ -50,7 +50,6 @@ bool InfluxSink::write_counters(ByteView /*block*/) {
 
 bool InfluxSink::write_event(const nmb_event_plan_t& plan, ByteView record,
                              const nmb_header_timestamp_t& ts) {
-  nmb_event_guid_conversion_on();  // read on the first record built
   if (refuse_unsafe_plan(plan)) {
     output().report("Failed to serialize event data to Influx line API format");
     return false;
@@ -59,7 +58,6 @@ bool InfluxSink::write_event(const nmb_event_plan_t& plan, ByteView record,
     // Only tags, or floats that are not finite: a line needs a field.
     if (records_without_field_++ == 0) first_type_without_field_ = plan.type->name;
   }
-  output().count_record();
   return true;
 }
 

@@ -21,6 +21,7 @@ class InfluxSink : public RecordSink {
   void schemas_loaded(const nmb_type_system_t* ts) override;
   void end_data(bool ok) override;
 
+ protected:
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;

@@ -58,7 +58,6 @@ bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
   RecordOutput& out = output();
   std::string& text = out.text();
   const size_t mark = text.size();
-  nmb_event_guid_conversion_on();  // read on the first record built, as its first field asks
   out.begin_record();
   if (refuse_unsafe_plan(plan) || !nmb_event_record_to_json(text, plan, record, ts, pretty_)) {
     text.resize(mark);  // the record is taken back whole
@@ -66,7 +65,6 @@ bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
     return false;
   }
   if (!pretty_) text.push_back('\n');
-  out.count_record();
   return true;
 }
 

@@ -19,6 +19,7 @@ class JsonSink : public RecordSink {
   void begin_data(const char* path, bool first) override;
   void end_data(bool ok) override;
 
+ protected:
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;

@@ -1,7 +1,12 @@
 #include "export/record_sink.h"
 
+#include <string>
+
+#include "data/events_block.h"
+#include "data/format.h"
 #include "data/type_system.h"
-#include "export/event_export.h"
+#include "export/value_format.h"
+#include "metrics/metrics_parser.h"
 #include "utils/log.h"
 
 namespace nmb {
@@ -50,21 +55,61 @@ const nmb_counters_schema_t* RecordSink::counters_schema() const {
 }
 
 bool RecordSink::counters_block(ByteView block) {
-  const int result = counters_plan_ ? nmb_export_counters_block(output_, block, *this) : 1;
-  // Counted whatever the export did (skipped by the time filter or only
+  const ExportSettings& settings = output_.settings();
+  bool ok = true;
+  if (!counters_plan_) {
+    // No counters schema: nothing to print or write.
+  } else if (settings.print_headers) {
+    uint8_t header[NMB_COUNTERS_BLOCK_HEADER_SIZE];
+    block.copy(0, header, sizeof header);
+    nmb_print_counters_block_header(header);
+  } else {
+    const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
+    if (timestamp >= settings.timestamp_gt && timestamp <= settings.timestamp_lt)
+      ok = write_counters(block);
+  }
+  // Counted whatever was written (skipped by the time bounds or only
   // printed as a header too), so the next json record gets its separator.
   output_.count_record();
-  return result != 0;
+  return ok;
 }
 
 size_t RecordSink::events_block(ByteView area) {
-  return nmb_export_events_block(output_, type_system_, event_plans_, area, *this);
+  const ExportSettings& settings = output_.settings();
+  const nmb_events_block_t block = nmb_events_block_read(area);
+  if (settings.print_headers) nmb_print_event_block_header(block.header);
+  const nmb_type_definition_t* type = nmb_events_block_type(type_system_, block);
+  const nmb_event_plan_t* plan =
+      type != nullptr ? event_plans_.find(block.schema_index, block.type_index) : nullptr;
+  if (plan == nullptr) return 0;
+
+  nmb_header_timestamp_t stamp;
+  stamp.value = block.timestamp;
+  if (plan->selected) {
+    stamp.formatted_length = nmb_format_timestamp_into(stamp.value, settings.microsecond_precision,
+                                                       stamp.formatted, sizeof stamp.formatted);
+  }
+  return nmb_events_block_for_each(block, type->size, area, [&](ByteView record) {
+    if (!plan->selected) return true;
+    if (write_event(*plan, record, stamp)) {
+      output_.count_record();
+      return true;
+    }
+    NMB_LOG(NMB_LOG_ERROR, "Failed to print");
+    return false;
+  });
 }
 
 bool RecordSink::metrics_block(ByteView block) {
-  nmb_export_metrics_block(output_, block, *this);
-  // Counted whatever the export did; a block that failed is logged and
-  // reading goes on with the next one.
+  metrics::MetricsTables tables;
+  std::string error;
+  if (!metrics::parse_metrics_payload(block.span(), tables, error)) {
+    NMB_LOG(NMB_LOG_ERROR, "failed to parse full block: %s", error.c_str());
+  } else {
+    write_metrics(tables);
+  }
+  // Counted whatever was written; a block that failed is logged and reading
+  // goes on with the next one.
   output_.count_record();
   return true;
 }

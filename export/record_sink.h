@@ -1,11 +1,13 @@
-// The block sink of every format that writes records: it compiles the export
-// plans when a type system has been loaded, walks events, counters and
-// metrics blocks through their exporters, and leaves to each output format
-// only what it writes for one record (the write_* hooks).
+// The block sink of every format that writes records. It compiles the export
+// plans when a type system has been loaded and walks every block itself:
+// -p header printing, the time bounds, the records of an events block, the
+// parse of a metrics block, and the count of records written per file (which
+// puts the json ",\n" between records). A format writes one record in each
+// of its three hooks and nothing else.
 //
 // To add an output format, derive from RecordSink, implement the hooks (and
-// the run and file framing the format needs), and add one line to the sink
-// selection in app/.
+// the run and file framing the format needs), and add its row to the format
+// table in app/.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +16,6 @@
 
 #include "counters/counters_export.h"
 #include "data/block_sink.h"
-#include "export/event_export.h"
 #include "export/event_json.h"
 #include "export/event_plan.h"
 #include "export/record_output.h"
@@ -24,10 +25,7 @@ struct nmb_counters_schema_t;
 
 namespace nmb {
 
-class RecordSink : public BlockSink,
-                   protected nmb_counters_writer_t,
-                   protected nmb_event_writer_t,
-                   protected nmb_metrics_writer_t {
+class RecordSink : public BlockSink {
  public:
   // `json_separators`: the format separates a file's records with ",\n".
   RecordSink(const ExportSettings& settings, OutputBuffer& buffer, bool json_separators);
@@ -40,18 +38,25 @@ class RecordSink : public BlockSink,
   size_t events_block(ByteView area) override;
   bool metrics_block(ByteView block) override;
 
-  // What one record becomes in this format (the hooks of the writers):
-  // write_counters for a counters block that passed -p and the time bounds,
-  // write_event for one record of a selected event type, write_metrics for
-  // a parsed metrics block (refused by most formats). Each returns false
-  // when the file fails, and counts the record in output() when it was
-  // handled.
-
   RecordOutput& output() { return output_; }
   const nmb_type_system_t* type_system() const { return type_system_; }
   const nmb_counters_schema_t* counters_schema() const;
   const nmb_counters_plan_t* counters_plan() const { return counters_plan_.get(); }
   const nmb_event_plans_t& event_plans() const { return event_plans_; }
+
+ protected:
+  // What one record becomes in this format, written (or reported) through
+  // output(). The walk counts the record; a hook never does.
+  //  - write_counters: a counters block that passed -p and the time bounds,
+  //    with a counters plan; false fails the file (the hook has reported).
+  //  - write_event: one record of a selected type (`record` runs to the end
+  //    of its block); false fails the file, after "Failed to print".
+  //  - write_metrics: a parsed metrics block; false loses the block (the
+  //    hook has logged why) and reading goes on.
+  virtual bool write_counters(ByteView block) = 0;
+  virtual bool write_event(const nmb_event_plan_t& plan, ByteView record,
+                           const nmb_header_timestamp_t& ts) = 0;
+  virtual bool write_metrics(const metrics::MetricsTables& tables) = 0;
 
  private:
   // The counters plan of the current schema with the current metadata.

@@ -11,6 +11,7 @@ class TextSink : public RecordSink {
   TextSink(const ExportSettings& settings, OutputBuffer& buffer)
       : RecordSink(settings, buffer, false) {}
 
+ protected:
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
                    const nmb_header_timestamp_t& ts) override;

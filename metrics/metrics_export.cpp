@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "export/record_output.h"
 #include "export/value_format.h"
 #include "utils/log.h"
 
@@ -174,15 +173,4 @@ bool nmb_metrics_to_json(nmb::JsonWriter& writer, const MetricsTables& tables,
   }
   writer.end_object();
   return true;
-}
-
-int nmb_export_metrics_block(nmb::RecordOutput& /*out*/, nmb::ByteView block,
-                             nmb_metrics_writer_t& writer) {
-  nmb::metrics::MetricsTables tables;
-  std::string error;
-  if (!nmb::metrics::parse_metrics_payload(block.span(), tables, error)) {
-    NMB_LOG(NMB_LOG_ERROR, "failed to parse full block: %s", error.c_str());
-    return 0;
-  }
-  return writer.write_metrics(tables) ? 1 : 0;
 }

@@ -16,24 +16,6 @@
 #include "metrics/metrics_parser.h"
 #include "utils/json_writer.h"
 
-namespace nmb {
-class RecordOutput;
-}
-
-// What an output format writes for one parsed metrics block.
-class nmb_metrics_writer_t {
- public:
-  virtual ~nmb_metrics_writer_t() = default;
-  // False when nothing could be written (already reported or logged).
-  virtual bool write_metrics(const nmb::metrics::MetricsTables& tables) = 0;
-};
-
-// One metrics block: parsed (a malformed block is logged as "failed to parse
-// full block: %s" and written nowhere), then handed to the writer. 0 when the
-// parse or the writer failed, 1 otherwise; reading goes on either way.
-int nmb_export_metrics_block(nmb::RecordOutput& out, nmb::ByteView block,
-                             nmb_metrics_writer_t& writer);
-
 // [{"name": "value"}, ...] in the map's iteration order. False when a value is
 // not valid UTF-8 (the array is then left unfinished).
 bool nmb_labels_to_json_array(nmb::JsonWriter& writer,

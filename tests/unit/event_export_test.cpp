@@ -1,4 +1,4 @@
-#include "export/event_export.h"
+#include "export/record_sink.h"
 
 #include <gtest/gtest.h>
 
