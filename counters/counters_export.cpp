@@ -15,6 +15,7 @@
 #include "filter/metadata.h"
 #include "utils/json_writer.h"
 #include "utils/log.h"
+#include "utils/text_pieces.h"
 
 namespace {
 
@@ -71,33 +72,25 @@ struct GroupPlan {
   bool built() const { return enrich || !steps.empty(); }
 };
 
+using nmb::TextPiece;
+
 // The literal text of one output form (compact or pretty) between the values
-// of a block, cut out of what the JSON writer writes for the plan's shape, so
-// that it is the writer's text byte for byte.
-struct Piece {
-  uint32_t at = 0;
-  uint32_t length = 0;
-};
-
-// Pieces are copied in fixed-size moves: the text is padded by this many
-// bytes and every output room leaves this many spare.
-constexpr size_t kPieceCopy = 64;
-
+// of a block.
 struct GroupText {
-  Piece head;                   // separator, "{", granularity, name, "counter_sets": [
-  Piece open_first, open_next;  // separator and "{" of the first and later sets
-  std::vector<Piece> keys;      // separator and key before each member's value
-  Piece close;                  // "}" of a set
-  Piece tail;                   // "]" and "}" of the group
-  size_t set_room = 0;          // room of a set without its strings
+  TextPiece head;                   // separator, "{", granularity, name, "counter_sets": [
+  TextPiece open_first, open_next;  // separator and "{" of the first and later sets
+  std::vector<TextPiece> keys;      // separator and key before each member's value
+  TextPiece close;                  // "}" of a set
+  TextPiece tail;                   // "]" and "}" of the group
+  size_t set_room = 0;              // room of a set without its strings
 };
 
 struct FormText {
-  std::string text;
-  Piece open;        // "{" and the "timestamp" key
-  Piece at_key;      // the "@timestamp" key
-  Piece groups_key;  // the "groups" key and "["
-  Piece close;       // "]" and "}"
+  nmb::PieceText text;
+  TextPiece open;        // "{" and the "timestamp" key
+  TextPiece at_key;      // the "@timestamp" key
+  TextPiece groups_key;  // the "groups" key and "["
+  TextPiece close;       // "]" and "}"
   std::vector<GroupText> groups;
 };
 
@@ -268,9 +261,8 @@ class FormBuilder {
   FormBuilder(FormText& form, bool pretty) : form_(form), writer_(scratch_, pretty) {}
   nmb::JsonWriter& w() { return writer_; }
   // The text written since the last piece.
-  Piece take() {
-    Piece piece{static_cast<uint32_t>(form_.text.size()), static_cast<uint32_t>(scratch_.size())};
-    form_.text += scratch_;
+  TextPiece take() {
+    const TextPiece piece = form_.text.add(scratch_);
     scratch_.clear();
     return piece;
   }
@@ -298,7 +290,7 @@ void build_group_text(FormBuilder& b, const GroupPlan& group, GroupText& g) {
     (set == 0 ? g.open_first : g.open_next) = b.take();
     for (const auto& member : group.members) {
       w.escaped_key(member.key);
-      const Piece key = b.take();
+      const TextPiece key = b.take();
       if (set == 0) g.keys.push_back(key);
       w.raw_value({});
     }
@@ -308,7 +300,8 @@ void build_group_text(FormBuilder& b, const GroupPlan& group, GroupText& g) {
   w.end_array();
   w.end_object();
   g.tail = b.take();
-  g.set_room = std::max(g.open_first.length, g.open_next.length) + g.close.length + kPieceCopy;
+  g.set_room =
+      std::max(g.open_first.length, g.open_next.length) + g.close.length + nmb::kPiecePadding;
   for (size_t i = 0; i < g.keys.size(); ++i)
     g.set_room +=
         g.keys[i].length + nmb_counter_value_room(group.members[i].value, nmb::ByteView());
@@ -335,21 +328,15 @@ void build_form_text(const nmb_counters_plan_t& plan, FormText& form, bool prett
   w.end_array();
   w.end_object();
   form.close = b.take();
-  form.text.append(kPieceCopy, '\0');
+  form.text.seal();
 }
 
-void append_piece(std::string& out, const FormText& form, Piece piece) {
-  out.append(form.text, piece.at, piece.length);
+void append_piece(std::string& out, const FormText& form, TextPiece piece) {
+  out.append(form.text.view(piece));
 }
 
-char* put_piece(char* at, const FormText& form, Piece piece) {
-  const char* from = form.text.data() + piece.at;
-  if (piece.length <= kPieceCopy) {
-    std::memcpy(at, from, kPieceCopy);
-  } else {
-    std::memcpy(at, from, piece.length);
-  }
-  return at + piece.length;
+char* put_piece(char* at, const FormText& form, TextPiece piece) {
+  return nmb::put_piece(at, form.text, piece);
 }
 
 template <bool kInBounds>

@@ -24,9 +24,17 @@ namespace {
 using Kind = nmb_value_kind_t;
 using Shape = nmb_value_shape_t;
 
-// Short pieces are copied in moves of this size; every room leaves as many
-// bytes spare after its text.
-constexpr size_t kCopy = kJsonPiecePadding;
+// Keys, numbers and breaks of records are mostly short: a piece of up to
+// kMove bytes is copied in one move of that size.
+constexpr size_t kMove = 32;
+
+char* put_piece(char* at, const char* from, size_t length) {
+  return nmb::put_piece<kMove>(at, from, length);
+}
+
+// Every room leaves this many bytes spare after its text, for the
+// fixed-size moves of short pieces.
+constexpr size_t kCopy = nmb::kPiecePadding;
 
 // The room a record is written into, one per thread and reused, so that a
 // record costs no allocation and no clearing. It grows (keeping the text
@@ -110,16 +118,6 @@ struct Record {
 
 // ---- text between values ----------------------------------------------------
 
-// Copies `length` bytes of text followed by at least kCopy readable bytes.
-char* put_text(char* at, const char* from, size_t length) {
-  if (length <= kCopy) {
-    std::memcpy(at, from, kCopy);
-  } else {
-    std::memcpy(at, from, length);
-  }
-  return at + length;
-}
-
 // What comes before an item of a container whose items sit at `depth`:
 // "," unless it is the first, and in the pretty form a new line indented.
 template <bool kPretty>
@@ -131,10 +129,10 @@ char* put_break(char* at, bool first, uint32_t depth) {
     // ",\n" and the indent of up to 15 levels.
     static constexpr char kBreak[] =
         ",\n                                                              ";
-    static_assert(sizeof kBreak > kCopy + 1);
+    static_assert(sizeof kBreak > kMove + 1);
     const size_t length = 2 + 4 * size_t{depth};
-    if (length <= kCopy) {
-      std::memcpy(at, kBreak + first, kCopy);
+    if (length <= kMove) {
+      std::memcpy(at, kBreak + first, kMove);
       return at + length - first;
     }
     if (!first) *at++ = ',';
@@ -148,12 +146,12 @@ char* put_break(char* at, bool first, uint32_t depth) {
 // those of depth 1; a deeper member takes the key from after the piece's
 // separator and indent (",\n    ", or "\n    " for a first member).
 template <bool kPretty>
-char* put_key(char* at, const char* text, nmb_json_piece_t piece, uint32_t depth) {
-  if (!kPretty || depth == 1) return put_text(at, text + piece.at, piece.length);
+char* put_key(char* at, const char* text, nmb::TextPiece piece, uint32_t depth) {
+  if (!kPretty || depth == 1) return put_piece(at, text + piece.at, piece.length);
   const bool first = text[piece.at] != ',';
   const uint32_t key_at = 2 + 4 - first;
   at = put_break<true>(at, first, depth);
-  return put_text(at, text + piece.at + key_at, piece.length - key_at);
+  return put_piece(at, text + piece.at + key_at, piece.length - key_at);
 }
 
 // The closing bracket of a container that began at `depth`.
@@ -325,7 +323,7 @@ char* members(Record& r, char* at, const nmb_event_plan_t& plan, uint64_t base, 
         at = check<kInBounds, kPretty>(r, at, field, pos, depth, inner_keep);
         if (at == nullptr) return nullptr;
         const std::string_view added = header ? r.header.number : r.header.quoted;
-        at = put_text(at, added.data(), added.size());
+        at = put_piece(at, added.data(), added.size());
         continue;
       }
     }
@@ -390,11 +388,11 @@ bool write_record(std::string& out, const nmb_event_plan_t& plan, const nmb::Byt
   if (at == nullptr) return false;
   if (plan.header_timestamp_member < 0) {
     at = put_key<kPretty>(at, text, json.header_timestamp_key[kPretty], 1);
-    at = put_text(at, header.number.data(), header.number.size());
+    at = put_piece(at, header.number.data(), header.number.size());
   }
   if (plan.formatted_timestamp_member < 0 && ts.formatted_length != 0) {
     at = put_key<kPretty>(at, text, json.formatted_timestamp_key[kPretty], 1);
-    at = put_text(at, header.quoted.data(), header.quoted.size());
+    at = put_piece(at, header.quoted.data(), header.quoted.size());
   }
   // Never empty: a record without members still has "header_timestamp".
   at = put_close<kPretty>(at, '}', false, 0);

@@ -130,15 +130,12 @@ uint64_t mul(uint64_t a, uint64_t b) {
 
 // The key of a member of an object whose members sit at depth 1, as the JSON
 // writer writes it, appended to the form's text.
-nmb_json_piece_t key_piece(std::string& text, std::string_view quoted_key, bool pretty,
-                           bool first) {
+nmb::TextPiece key_piece(nmb::PieceText& text, std::string_view quoted_key, bool pretty,
+                         bool first) {
   std::string piece;
   nmb::JsonWriter w(piece, pretty, 1, first);
   w.escaped_key(quoted_key);
-  const nmb_json_piece_t at{static_cast<uint32_t>(text.size()),
-                            static_cast<uint32_t>(piece.size())};
-  text += piece;
-  return at;
+  return text.add(piece);
 }
 
 // Bytes one element of a built-in kind reads.
@@ -216,7 +213,7 @@ void compile_json_layout(nmb_event_plan_t& plan) {
   nmb_event_json_layout_t& json = plan.json;
   for (int form = 0; form < 2; ++form) {
     const bool pretty = form == 1;
-    std::string& text = json.text[form];
+    nmb::PieceText& text = json.text[form];
     bool first = true;
     for (auto& member : plan.members) {
       member.json_key[form] = key_piece(text, member.key, pretty, first);
@@ -226,7 +223,7 @@ void compile_json_layout(nmb_event_plan_t& plan) {
     // least "header_timestamp".
     json.header_timestamp_key[form] = key_piece(text, "\"header_timestamp\"", pretty, first);
     json.formatted_timestamp_key[form] = key_piece(text, "\"@header_timestamp\"", pretty, false);
-    text.append(kJsonPiecePadding, '\0');
+    text.seal();
   }
   // "{", and "\n}" closing the object.
   uint64_t room = 3;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "utils/string_array.h"
+#include "utils/text_pieces.h"
 
 struct nmb_type_definition_t;
 struct nmb_type_system_t;
@@ -41,12 +42,6 @@ enum class nmb_value_shape_t : uint8_t {
 
 struct nmb_event_plan_t;
 
-// A piece of a plan's JSON text: `length` bytes at `at`.
-struct nmb_json_piece_t {
-  uint32_t at = 0;
-  uint32_t length = 0;
-};
-
 struct nmb_field_plan_t {
   std::string key;  // quoted and escaped
   std::string name;
@@ -64,16 +59,16 @@ struct nmb_field_plan_t {
   // members sit at depth 1, in the compact and the pretty form (",\"key\":"
   // and ",\n    \"key\": ", the first member's without the ","), in the
   // plan's JSON text.
-  nmb_json_piece_t json_key[2];
+  nmb::TextPiece json_key[2];
 };
 
 // What the JSON writer needs of a plan beyond its members, decided once.
 struct nmb_event_json_layout_t {
   // The members' key pieces of each form (compact, pretty), and after them
-  // the keys of the two added members; padded with kJsonPiecePadding bytes.
-  std::string text[2];
-  nmb_json_piece_t header_timestamp_key[2];
-  nmb_json_piece_t formatted_timestamp_key[2];
+  // the keys of the two added members.
+  nmb::PieceText text[2];
+  nmb::TextPiece header_timestamp_key[2];
+  nmb::TextPiece formatted_timestamp_key[2];
   // The most text the object writes itself (pretty, members at depth 1,
   // checks included; nested objects are not counted but make room for their
   // own text when written), and its lines, which each deeper level of depth
@@ -84,10 +79,6 @@ struct nmb_event_json_layout_t {
   // not counted): when the record holds that many, no read needs a check.
   uint64_t read_end = 0;
 };
-
-// Bytes of padding after the pieces, so that short pieces can be copied in
-// fixed-size moves.
-inline constexpr size_t kJsonPiecePadding = 32;
 
 struct nmb_event_plan_t {
   const nmb_type_definition_t* type = nullptr;
