@@ -1,7 +1,7 @@
 // Counters blocks as JSON: each loaded counters schema is compiled once into a
-// plan that holds the pre-escaped keys and a renderer per counter, so a block
-// is written in one pass over its counters, with no key search and no
-// allocation per value.
+// plan (counters/counters_plan.h) and the JSON text between its values
+// (counters/counters_json_text.h), so a block is written in one pass over its
+// counters, with no key search and no allocation per value.
 #pragma once
 
 #include <memory>
