@@ -7,6 +7,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "export/event_json_layout.h"
 #include "export/event_plan.h"
 #include "export/value_format.h"
 #include "utils/json_writer.h"
@@ -108,6 +109,7 @@ class HeaderCache {
 // What every value writer of one record shares.
 struct Record {
   const nmb::ByteView& bytes;
+  const nmb_event_json_layouts_t& layouts;
   TextRoom& room;
   bool guid_switch;  // nmb_event_guid_conversion_on()
   // The top-level record's added values, which replace members named like
@@ -299,8 +301,7 @@ char* check(Record& r, char* at, const nmb_field_plan_t& field, uint64_t pos, ui
 
 // The room an object's own text takes with its members at `depth`.
 template <bool kPretty>
-uint64_t object_room(const nmb_event_plan_t& plan, uint32_t depth) {
-  const nmb_event_json_layout_t& json = plan.json;
+uint64_t object_room(const nmb_event_json_layout_t& json, uint32_t depth) {
   return kPretty ? json.room + json.lines * 4 * (depth - 1) : json.room;
 }
 
@@ -308,13 +309,15 @@ uint64_t object_room(const nmb_event_plan_t& plan, uint32_t depth) {
 // kReplace (top-level records): members named like the added values take
 // them, once their own value has been built.
 template <bool kInBounds, bool kPretty, bool kReplace>
-char* members(Record& r, char* at, const nmb_event_plan_t& plan, uint64_t base, uint32_t depth,
-              uint64_t keep) {
-  const char* text = plan.json.text[kPretty].data();
+char* members(Record& r, char* at, const nmb_event_plan_t& plan,
+              const nmb_event_json_layout_t& json, uint64_t base, uint32_t depth, uint64_t keep) {
+  const char* text = json.text[kPretty].data();
+  const nmb::TextPiece* keys = json.keys[kPretty].data();
   // A nested value leaves room for the rest of this object after it.
-  const uint64_t inner_keep = object_room<kPretty>(plan, depth) + keep;
+  const uint64_t inner_keep = object_room<kPretty>(json, depth) + keep;
+  const nmb::TextPiece* key = keys;
   for (const nmb_field_plan_t& field : plan.members) {
-    at = put_key<kPretty>(at, text, field.json_key[kPretty], depth);
+    at = put_key<kPretty>(at, text, *key++, depth);
     const uint64_t pos = base + field.offset;
     if constexpr (kReplace) {
       const auto i = static_cast<int>(&field - plan.members.data());
@@ -340,7 +343,7 @@ char* members(Record& r, char* at, const nmb_event_plan_t& plan, uint64_t base, 
 // Whether every value of the object at `base` reads inside what the record
 // holds, so that no read needs a check.
 bool reads_in_bounds(const Record& r, const nmb_event_plan_t& plan, uint64_t base) {
-  const uint64_t end = plan.json.read_end;
+  const uint64_t end = plan.read_end;
   return end <= r.bytes.readable() && base <= r.bytes.readable() - end;
 }
 
@@ -351,23 +354,25 @@ char* object(Record& r, char* at, const nmb_event_plan_t* plan, uint64_t base, u
     std::memcpy(at, "{}", 2);
     return at + 2;
   }
-  at = r.room.ensure(at, object_room<kPretty>(*plan, depth) + keep);
+  const nmb_event_json_layout_t& json = r.layouts.of(*plan);
+  at = r.room.ensure(at, object_room<kPretty>(json, depth) + keep);
   *at++ = '{';
   at = reads_in_bounds(r, *plan, base)
-           ? members<true, kPretty, false>(r, at, *plan, base, depth, keep)
-           : members<false, kPretty, false>(r, at, *plan, base, depth, keep);
+           ? members<true, kPretty, false>(r, at, *plan, json, base, depth, keep)
+           : members<false, kPretty, false>(r, at, *plan, json, base, depth, keep);
   if (at == nullptr) return nullptr;
   return put_close<kPretty>(at, '}', plan->members.empty(), depth - 1);
 }
 
 template <bool kPretty>
-bool write_record(std::string& out, const nmb_event_plan_t& plan, const nmb::ByteView& bytes,
+bool write_record(std::string& out, const nmb_event_plan_t& plan,
+                  const nmb_event_json_layouts_t& layouts, const nmb::ByteView& bytes,
                   const nmb_header_timestamp_t& ts) {
   static thread_local TextRoom room;             // one per thread with -j
   static thread_local HeaderCache header_cache;  // one per thread with -j
   const HeaderTexts header = header_cache.texts(ts);
-  Record r{bytes, room, nmb_event_guid_conversion_on(), ts, header};
-  const nmb_event_json_layout_t& json = plan.json;
+  Record r{bytes, layouts, room, nmb_event_guid_conversion_on(), ts, header};
+  const nmb_event_json_layout_t& json = layouts.of(plan);
   const char* text = json.text[kPretty].data();
 
   // After the members: the two added ones (or a replaced member's value),
@@ -375,15 +380,15 @@ bool write_record(std::string& out, const nmb_event_plan_t& plan, const nmb::Byt
   const uint64_t tail = json.header_timestamp_key[1].length +
                         json.formatted_timestamp_key[1].length +
                         2 * (header.number.size() + header.quoted.size()) + 2 + kCopy;
-  char* at = room.ensure(room.begin(), object_room<kPretty>(plan, 1) + tail);
+  char* at = room.ensure(room.begin(), object_room<kPretty>(json, 1) + tail);
   *at++ = '{';
   const bool in_bounds = reads_in_bounds(r, plan, 0);
   if (plan.header_timestamp_member >= 0 || plan.formatted_timestamp_member >= 0) {
-    at = in_bounds ? members<true, kPretty, true>(r, at, plan, 0, 1, tail)
-                   : members<false, kPretty, true>(r, at, plan, 0, 1, tail);
+    at = in_bounds ? members<true, kPretty, true>(r, at, plan, json, 0, 1, tail)
+                   : members<false, kPretty, true>(r, at, plan, json, 0, 1, tail);
   } else {
-    at = in_bounds ? members<true, kPretty, false>(r, at, plan, 0, 1, tail)
-                   : members<false, kPretty, false>(r, at, plan, 0, 1, tail);
+    at = in_bounds ? members<true, kPretty, false>(r, at, plan, json, 0, 1, tail)
+                   : members<false, kPretty, false>(r, at, plan, json, 0, 1, tail);
   }
   if (at == nullptr) return false;
   if (plan.header_timestamp_member < 0) {
@@ -402,8 +407,9 @@ bool write_record(std::string& out, const nmb_event_plan_t& plan, const nmb::Byt
 
 }  // namespace
 
-bool nmb_event_record_to_json(std::string& out, const nmb_event_plan_t& plan, nmb::ByteView record,
+bool nmb_event_record_to_json(std::string& out, const nmb_event_plan_t& plan,
+                              const nmb_event_json_layouts_t& layouts, nmb::ByteView record,
                               const nmb_header_timestamp_t& ts, bool pretty) {
-  return pretty ? write_record<true>(out, plan, record, ts)
-                : write_record<false>(out, plan, record, ts);
+  return pretty ? write_record<true>(out, plan, layouts, record, ts)
+                : write_record<false>(out, plan, layouts, record, ts);
 }

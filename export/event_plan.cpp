@@ -8,6 +8,7 @@
 #include "export/value_format.h"
 #include "filter/patterns.h"
 #include "utils/json_writer.h"
+#include "utils/saturating.h"
 
 namespace {
 
@@ -88,56 +89,6 @@ bool value_can_fail(const nmb_field_plan_t& field) {
          field.kind == Kind::kF32 || field.kind == Kind::kF64;
 }
 
-void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
-                  const PlanIndex& plans) {
-  plan.type = &type;
-  std::vector<nmb_field_plan_t> replaced;
-  // Member position by name: a type may hold a great many fields, and a
-  // search per field would make compiling quadratic.
-  std::unordered_map<std::string_view, size_t> position;
-  position.reserve(type.fields.size());
-  for (const auto& field : type.fields) {
-    nmb_field_plan_t field_plan = plan_field(field, plans);
-    auto [it, added] = position.emplace(field.field_name, plan.members.size());
-    if (added) {
-      plan.members.push_back(std::move(field_plan));
-    } else {
-      nmb_field_plan_t& member = plan.members[it->second];
-      replaced.push_back(std::move(member));
-      member = std::move(field_plan);
-    }
-  }
-  for (auto& field : replaced) {
-    if (value_can_fail(field)) plan.checks.push_back(std::move(field));
-  }
-  for (size_t i = 0; i < plan.members.size(); ++i) {
-    if (plan.members[i].name == "header_timestamp")
-      plan.header_timestamp_member = static_cast<int>(i);
-    if (plan.members[i].name == "@header_timestamp")
-      plan.formatted_timestamp_member = static_cast<int>(i);
-  }
-}
-
-// ---- the JSON text of a plan --------------------------------------------------
-
-constexpr uint64_t kSaturated = uint64_t{1} << 62;
-uint64_t add(uint64_t a, uint64_t b) {
-  return a + b > kSaturated ? kSaturated : a + b;
-}
-uint64_t mul(uint64_t a, uint64_t b) {
-  return a != 0 && b > kSaturated / a ? kSaturated : a * b;
-}
-
-// The key of a member of an object whose members sit at depth 1, as the JSON
-// writer writes it, appended to the form's text.
-nmb::TextPiece key_piece(nmb::PieceText& text, std::string_view quoted_key, bool pretty,
-                         bool first) {
-  std::string piece;
-  nmb::JsonWriter w(piece, pretty, 1, first);
-  w.escaped_key(quoted_key);
-  return text.add(piece);
-}
-
 // Bytes one element of a built-in kind reads.
 uint64_t element_size(Kind kind) {
   switch (kind) {
@@ -156,35 +107,6 @@ uint64_t element_size(Kind kind) {
     default:
       return 8;
   }
-}
-
-// The text a member's value can take in the pretty form at depth 1 (the
-// member's line excluded), and the lines it adds.
-struct ValueRoom {
-  uint64_t bytes = 0;
-  uint64_t lines = 0;
-};
-
-ValueRoom value_room(const nmb_field_plan_t& field) {
-  constexpr uint64_t kHex = NMB_GUID_HEX_LENGTH + 2;
-  // A nested object makes room for its own text; only "{}" stands for a
-  // type that is missing.
-  const uint64_t element = field.kind == Kind::kNested  ? 2
-                           : field.kind == Kind::kHex64 ? kHex
-                                                        : nmb::kJsonNumberRoom;
-  ValueRoom room;
-  if (field.shape == Shape::kCharString) {
-    room.bytes = nmb::json_string_room(field.count);
-  } else if (field.shape == Shape::kScalar) {
-    room.bytes = element;
-  } else {
-    // "[", per element ",\n", the indent at depth 2 and the element, then
-    // "\n", the indent at depth 1 and "]".
-    room.bytes = add(mul(field.count, add(element, 2 + 8)), 1 + 1 + 4 + 1);
-    room.lines = add(field.count, 1);
-  }
-  if (field.guid_like) room.bytes = std::max(room.bytes, kHex);
-  return room;
 }
 
 // Where the value's own reads end, counted from the object's start; offsets
@@ -209,37 +131,38 @@ uint64_t value_read_end(const nmb_field_plan_t& field) {
   return end;
 }
 
-void compile_json_layout(nmb_event_plan_t& plan) {
-  nmb_event_json_layout_t& json = plan.json;
-  for (int form = 0; form < 2; ++form) {
-    const bool pretty = form == 1;
-    nmb::PieceText& text = json.text[form];
-    bool first = true;
-    for (auto& member : plan.members) {
-      member.json_key[form] = key_piece(text, member.key, pretty, first);
-      first = false;
+void compile_plan(nmb_event_plan_t& plan, const nmb_type_definition_t& type,
+                  const PlanIndex& plans) {
+  plan.type = &type;
+  std::vector<nmb_field_plan_t> replaced;
+  // Member position by name: a type may hold a great many fields, and a
+  // search per field would make compiling quadratic.
+  std::unordered_map<std::string_view, size_t> position;
+  position.reserve(type.fields.size());
+  for (const auto& field : type.fields) {
+    nmb_field_plan_t field_plan = plan_field(field, plans);
+    auto [it, added] = position.emplace(field.field_name, plan.members.size());
+    if (added) {
+      plan.members.push_back(std::move(field_plan));
+    } else {
+      nmb_field_plan_t& member = plan.members[it->second];
+      replaced.push_back(std::move(member));
+      member = std::move(field_plan);
     }
-    // The added members follow the record's own, "@header_timestamp" at
-    // least "header_timestamp".
-    json.header_timestamp_key[form] = key_piece(text, "\"header_timestamp\"", pretty, first);
-    json.formatted_timestamp_key[form] = key_piece(text, "\"@header_timestamp\"", pretty, false);
-    text.seal();
   }
-  // "{", and "\n}" closing the object.
-  uint64_t room = 3;
-  uint64_t lines = 1;
-  uint64_t read_end = 0;
-  auto count = [&](const nmb_field_plan_t& field, uint64_t key) {
-    const ValueRoom value = value_room(field);
-    room = add(room, add(key, value.bytes));
-    lines = add(lines, add(1, value.lines));
-    read_end = std::max(read_end, value_read_end(field));
-  };
-  for (const auto& member : plan.members) count(member, member.json_key[1].length);
-  for (const auto& check : plan.checks) count(check, 0);
-  json.room = room;
-  json.lines = lines;
-  json.read_end = read_end;
+  for (auto& field : replaced) {
+    if (value_can_fail(field)) plan.checks.push_back(std::move(field));
+  }
+  for (const auto& field : plan.members)
+    plan.read_end = std::max(plan.read_end, value_read_end(field));
+  for (const auto& field : plan.checks)
+    plan.read_end = std::max(plan.read_end, value_read_end(field));
+  for (size_t i = 0; i < plan.members.size(); ++i) {
+    if (plan.members[i].name == "header_timestamp")
+      plan.header_timestamp_member = static_cast<int>(i);
+    if (plan.members[i].name == "@header_timestamp")
+      plan.formatted_timestamp_member = static_cast<int>(i);
+  }
 }
 
 // ---- how large a record can get ---------------------------------------------
@@ -249,6 +172,9 @@ void compile_json_layout(nmb_event_plan_t& plan) {
 // value carries its whole key path). Kept per type for the object written at
 // depth 0; one level deeper adds 4 bytes to each of its lines, and a key
 // prefix of p bytes adds p bytes to each of its values.
+
+using nmb::saturating_add;
+using nmb::saturating_mul;
 
 constexpr uint64_t kNumberText = 24;  // "%1.17g" at most, or a quoted GUID hex
 
@@ -274,8 +200,8 @@ using CostMap = std::unordered_map<const nmb_event_plan_t*, CostState>;
 Cost element_cost(const nmb_field_plan_t& field, const Cost& nested) {
   if (field.kind != Kind::kNested) return {kNumberText, 0, 1, kNumberText + 2};
   // "{", the members one level deeper, a newline, the indent and "}".
-  return {add(add(nested.bytes, mul(nested.lines, 4)), 8), add(nested.lines, 1), nested.values,
-          nested.influx};
+  return {saturating_add(saturating_add(nested.bytes, saturating_mul(nested.lines, 4)), 8),
+          saturating_add(nested.lines, 1), nested.values, nested.influx};
 }
 
 // `guid_hex`: the GUID switch is on, so a GUID-named field is written as
@@ -291,26 +217,34 @@ Cost member_cost(const nmb_field_plan_t& field, const Cost& nested, bool guid_he
   const bool hex = field.guid_like && guid_hex;
   if (field.shape == Shape::kCharString || hex) {
     const uint64_t text = hex ? kNumberText : 2 + 6 * count;
-    c.bytes = add(c.bytes, text);
+    c.bytes = saturating_add(c.bytes, text);
     c.values = 1;
-    c.influx = add(name + 4, add(text, text));  // quotes and backslashes doubled
+    c.influx =
+        saturating_add(name + 4, saturating_add(text, text));  // quotes and backslashes doubled
     return c;
   }
   const Cost element = element_cost(field, nested);
   if (field.shape == Shape::kScalar) {
-    c.bytes = add(c.bytes, element.bytes);
-    c.lines = add(c.lines, element.lines);
+    c.bytes = saturating_add(c.bytes, element.bytes);
+    c.lines = saturating_add(c.lines, element.lines);
     c.values = element.values;
-    c.influx = add(element.influx, mul(element.values, name + 1));
+    c.influx = saturating_add(element.influx, saturating_mul(element.values, name + 1));
     return c;
   }
   // "[", per element a newline, the indent one level deeper and ",", then
   // the closing line.
-  c.bytes = add(c.bytes, add(mul(count, add(element.bytes, add(mul(element.lines, 4), 10))), 8));
-  c.lines = add(c.lines, add(mul(count, add(element.lines, 1)), 1));
-  c.values = mul(count, element.values);
+  c.bytes = saturating_add(
+      c.bytes, saturating_add(
+                   saturating_mul(
+                       count, saturating_add(element.bytes,
+                                             saturating_add(saturating_mul(element.lines, 4), 10))),
+                   8));
+  c.lines = saturating_add(
+      c.lines, saturating_add(saturating_mul(count, saturating_add(element.lines, 1)), 1));
+  c.values = saturating_mul(count, element.values);
   // "_<index>" adds at most 6 bytes to every key.
-  c.influx = mul(count, add(element.influx, mul(element.values, name + 1 + 6)));
+  c.influx = saturating_mul(
+      count, saturating_add(element.influx, saturating_mul(element.values, name + 1 + 6)));
   return c;
 }
 
@@ -333,8 +267,8 @@ void compute_cost(const nmb_event_plan_t* plan, CostMap& costs, bool guid_hex) {
       nested = inner.cost;
     }
     const Cost c = member_cost(field, nested, guid_hex);
-    total = {add(total.bytes, c.bytes), add(total.lines, c.lines), add(total.values, c.values),
-             add(total.influx, c.influx)};
+    total = {saturating_add(total.bytes, c.bytes), saturating_add(total.lines, c.lines),
+             saturating_add(total.values, c.values), saturating_add(total.influx, c.influx)};
   };
   for (const auto& field : plan->members) visit(field);
   for (const auto& field : plan->checks) visit(field);
@@ -386,7 +320,8 @@ void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array
       if (!plans[t]) continue;
       const nmb_type_definition_t& type = *schema->types[t];
       compile_plan(*plans[t], type, index);
-      compile_json_layout(*plans[t]);
+      plans[t]->id = static_cast<uint32_t>(out.all_.size());
+      out.all_.push_back(plans[t].get());
       plans[t]->selected = nmb_type_name_is_selected(type.name.c_str(), include, exclude);
     }
     CostMap hex_costs;

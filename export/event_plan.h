@@ -1,9 +1,10 @@
 // Export plans of event record types. A plan holds, for every member of a
-// type's JSON object, everything that does not depend on the record: the
-// escaped key text, where the value lies, how many elements it has and how
-// each is rendered, and whether the type is selected by -i/-e. Plans are
-// compiled by the output side for each loaded type system; exporting a record
-// is then one pass over its plan.
+// type's record, everything that does not depend on the record or on the
+// output format: its name and escaped key, where the value lies, how many
+// elements it has and how each is rendered, and whether the type is selected
+// by -i/-e. Plans are compiled by the output side for each loaded type
+// system; a format compiles what it needs beyond them (event_json_layout.h)
+// once per plan, and exporting a record is then one pass over its plan.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +14,6 @@
 #include <vector>
 
 #include "utils/string_array.h"
-#include "utils/text_pieces.h"
 
 struct nmb_type_definition_t;
 struct nmb_type_system_t;
@@ -55,33 +55,11 @@ struct nmb_field_plan_t {
   bool guid_like = false;
   uint16_t index = 0;  // the field's position in the type's key (0: not a key field)
   const nmb_event_plan_t* nested = nullptr;
-  // Members only: the text before the value as a member of an object whose
-  // members sit at depth 1, in the compact and the pretty form (",\"key\":"
-  // and ",\n    \"key\": ", the first member's without the ","), in the
-  // plan's JSON text.
-  nmb::TextPiece json_key[2];
-};
-
-// What the JSON writer needs of a plan beyond its members, decided once.
-struct nmb_event_json_layout_t {
-  // The members' key pieces of each form (compact, pretty), and after them
-  // the keys of the two added members.
-  nmb::PieceText text[2];
-  nmb::TextPiece header_timestamp_key[2];
-  nmb::TextPiece formatted_timestamp_key[2];
-  // The most text the object writes itself (pretty, members at depth 1,
-  // checks included; nested objects are not counted but make room for their
-  // own text when written), and its lines, which each deeper level of depth
-  // indents by 4 more bytes.
-  uint64_t room = 0;
-  uint64_t lines = 0;
-  // Bytes from the object's start that its own values read (nested objects
-  // not counted): when the record holds that many, no read needs a check.
-  uint64_t read_end = 0;
 };
 
 struct nmb_event_plan_t {
   const nmb_type_definition_t* type = nullptr;
+  uint32_t id = 0;  // the plan's position in its set (nmb_event_plans_t::size)
   // One entry per distinct field name, at the position of its first
   // occurrence, describing its last occurrence (a later field of the same name
   // replaces the value in place).
@@ -94,7 +72,9 @@ struct nmb_event_plan_t {
   // the added value replaces the field's (-1: no such member).
   int header_timestamp_member = -1;
   int formatted_timestamp_member = -1;
-  nmb_event_json_layout_t json;
+  // Bytes from the object's start that its own values read (nested objects
+  // not counted): when the record holds that many, no read needs a check.
+  uint64_t read_end = 0;
   bool selected = false;  // the -i/-e selection
   // Why records of this type cannot be written (a type that contains itself,
   // or one whose record would expand beyond the text bound); empty when they
@@ -112,12 +92,19 @@ class nmb_event_plans_t {
       return nullptr;
     return schemas_[schema_index][type_index].get();
   }
-  void clear() { schemas_.clear(); }
+  void clear() {
+    schemas_.clear();
+    all_.clear();
+  }
+  // Every plan, by id.
+  size_t size() const { return all_.size(); }
+  const nmb_event_plan_t& operator[](size_t id) const { return *all_[id]; }
 
  private:
   friend void nmb_event_plans_compile(const nmb_type_system_t&, const nmb_string_array_t&,
                                       const nmb_string_array_t&, nmb_event_plans_t&);
   std::vector<std::vector<std::unique_ptr<nmb_event_plan_t>>> schemas_;
+  std::vector<const nmb_event_plan_t*> all_;
 };
 
 // Compiles the plans of every user type of the type system, with the -i/-e

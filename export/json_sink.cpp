@@ -11,6 +11,11 @@ namespace nmb {
 JsonSink::JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty)
     : RecordSink(settings, buffer, pretty), pretty_(pretty) {}
 
+void JsonSink::schemas_loaded(const nmb_type_system_t* ts) {
+  RecordSink::schemas_loaded(ts);
+  layouts_.compile(event_plans());
+}
+
 void JsonSink::begin_run() {
   if (pretty_) output().buffer().put('{');
 }
@@ -59,7 +64,8 @@ bool JsonSink::write_event(const nmb_event_plan_t& plan, ByteView record,
   std::string& text = out.text();
   const size_t mark = text.size();
   out.begin_record();
-  if (refuse_unsafe_plan(plan) || !nmb_event_record_to_json(text, plan, record, ts, pretty_)) {
+  if (refuse_unsafe_plan(plan) ||
+      !nmb_event_record_to_json(text, plan, layouts_, record, ts, pretty_)) {
     text.resize(mark);  // the record is taken back whole
     out.report("Failed to JSONify event values");
     return false;

@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "export/event_json_layout.h"
 #include "export/record_sink.h"
 
 namespace nmb {
@@ -14,6 +15,7 @@ class JsonSink : public RecordSink {
  public:
   JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty);
 
+  void schemas_loaded(const nmb_type_system_t* ts) override;
   void begin_run() override;
   void end_run(bool completed) override;
   void begin_data(const char* path, bool first) override;
@@ -26,7 +28,8 @@ class JsonSink : public RecordSink {
   bool write_metrics(const metrics::MetricsTables& tables) override;
 
  private:
-  const bool pretty_;  // json; ndjson otherwise
+  const bool pretty_;                 // json; ndjson otherwise
+  nmb_event_json_layouts_t layouts_;  // of the event plans
 };
 
 }  // namespace nmb
