@@ -13,8 +13,7 @@
 // sorting could not read a header, in which case no file is processed).
 int nmb_run(const nmb_read_options_t& options);
 
-// The block sink of an output format: the one place that knows them all. A
-// new format adds one line here.
+// The block sink of an output format, from its row in the format table.
 std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
                                                     nmb::OutputBuffer& out);
 // What the reader and the exporters take from the options record (the
