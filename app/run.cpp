@@ -16,7 +16,6 @@
 #include "data/format.h"
 #include "data/read_ahead.h"
 #include "data/reader.h"
-#include "export/text_sink.h"
 #include "utils/env.h"
 #include "utils/log.h"
 #include "utils/numbers.h"
@@ -85,7 +84,10 @@ void sort_entries(std::vector<file_entry_t>& entries, const nmb_sort_order_t& or
 std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
                                                     nmb::OutputBuffer& out) {
   const nmb_output_format_entry_t* entry = nmb_output_format(format);
-  if (entry == nullptr) return std::make_unique<nmb::TextSink>(settings, out);
+  if (entry == nullptr) {
+    NMB_LOG(NMB_LOG_ERROR, "Unknown output format %d", format);
+    return nullptr;
+  }
   return entry->make_sink(settings, out);
 }
 
@@ -227,6 +229,7 @@ int nmb_run(const nmb_read_options_t& options) {
   if (reads_ahead(jobs)) settings.walk_chunks = nmb_reader_walk_chunks_ahead;
   const nmb::ExportSettings export_with = nmb_export_settings_from(options);
   std::unique_ptr<nmb::BlockSink> sink = nmb_make_block_sink(options.format, export_with, out);
+  if (!sink) return 1;  // nothing is written, no file is processed
   sink->begin_run();
   int failed = 0;
   bool completed = true;

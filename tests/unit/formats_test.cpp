@@ -11,8 +11,10 @@
 #include <sstream>
 #include <string>
 
+#include "app/run.h"
 #include "data/block_sink.h"
 #include "export/record_output.h"
+#include "utils/log.h"
 
 namespace {
 
@@ -83,6 +85,19 @@ TEST(FormatTable, StreamingFormatsFrameNothing) {
     }
     out.text().clear();  // nothing for the buffer to flush
   }
+}
+
+TEST(FormatTable, UnknownCodeFailsTheRun) {
+  const int unknown = static_cast<int>(nmb_output_formats().size());
+  nmb::OutputBuffer out(-1);
+  nmb_init_stderr_logger(NMB_LOG_ERROR);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(nmb_make_block_sink(unknown, nmb::ExportSettings{}, out), nullptr);
+  nmb_read_options_t options;  // no input file: only the format can fail the run
+  options.format = unknown;
+  EXPECT_EQ(nmb_run(options), 1);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("Unknown output format " + std::to_string(unknown)), std::string::npos);
 }
 
 TEST(FormatTable, PackagingListsExactlyTheTable) {
