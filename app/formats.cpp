@@ -28,7 +28,7 @@ std::unique_ptr<nmb::BlockSink> make_bin_sink(const nmb::ExportSettings& setting
   const char* node_info = nmb_getenv("NMB_NODE_INFO");
   writer.node_info = node_info != nullptr && nmb_env_is_true(node_info);
   if (const char* root = nmb_getenv("NMB_INFINIBAND_ROOT")) writer.infiniband_root = root;
-  return std::make_unique<nmb::BinSink>(settings, out, std::move(writer));
+  return std::make_unique<nmb::BinSink>(settings, out, std::move(writer), NMB_FORMAT_BIN);
 }
 
 // code, name, sink, streaming, in help
