@@ -21,7 +21,6 @@
 
 namespace {
 
-constexpr const char* kFormatNames[] = {"json", "ndjson", "txt", "csv", "influx", "bin"};
 constexpr int kSchemaSearchDepth = 5;
 constexpr size_t kMaxPath = 4096;
 
@@ -69,6 +68,17 @@ const option kLongOptions[] = {
     {"jobs", required_argument, nullptr, 'j'},
     {nullptr, 0, nullptr, 0},
 };
+
+// The formats the help text names, as "json|ndjson|...".
+std::string help_format_names() {
+  std::string names;
+  for (const nmb_output_format_entry_t& format : nmb_output_formats()) {
+    if (!format.in_help) continue;
+    if (!names.empty()) names += '|';
+    names += format.name;
+  }
+  return names;
+}
 
 // Reads the options of the table; false on a refused argument.
 bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit_now) {
@@ -173,18 +183,6 @@ bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit
 }
 
 }  // namespace
-
-int nmb_output_format_from_name(const char* name) {
-  if (name == nullptr) return -1;
-  for (int i = 0; i < 6; ++i) {
-    if (std::strcmp(name, kFormatNames[i]) == 0) return i;
-  }
-  return -1;
-}
-
-const char* nmb_output_format_name(int format) {
-  return format >= 0 && format < 6 ? kFormatNames[format] : nullptr;
-}
 
 std::string nmb_find_schema_folder(const char* start_path, const char* name, int depth) {
   std::string dir = directory_part(start_path);
@@ -301,7 +299,7 @@ void nmb_read_print_help() {
   out.printf("  -o, --output-dir dir              Specifies location for .bin files output (%s)\n",
              defaults.output_dir.c_str());
   out.write("\nOutput format:\n");
-  out.printf("  -f, --format [json|ndjson|txt|csv|influx|bin] Output format (%s).\n",
+  out.printf("  -f, --format [%s] Output format (%s).\n", help_format_names().c_str(),
              nmb_output_format_name(defaults.format));
   out.printf(
       "  -u, --microsecond-precision   Show 6 digits after decimal point in timestamps (%s).\n",

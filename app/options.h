@@ -6,26 +6,12 @@
 #include <optional>
 #include <string>
 
+#include "app/formats.h"
 #include "utils/string_array.h"
 
 inline constexpr uint32_t NMB_MAX_VERBOSITY = 7;
 // -j: files processed at once (not in the help text, whose lines are fixed).
 inline constexpr uint32_t NMB_MAX_JOBS = 256;
-
-// Output format codes.
-enum nmb_output_format_t : int {
-  NMB_FORMAT_JSON = 0,
-  NMB_FORMAT_NDJSON = 1,
-  NMB_FORMAT_TXT = 2,
-  NMB_FORMAT_CSV = 3,
-  NMB_FORMAT_INFLUX = 4,
-  NMB_FORMAT_BIN = 5,
-};
-
-// -1 for an unknown name.
-int nmb_output_format_from_name(const char* name);
-// nullptr for an unknown code.
-const char* nmb_output_format_name(int format);
 
 struct nmb_read_options_t {
   uint32_t verbosity = 6;

@@ -11,15 +11,11 @@
 #include <vector>
 
 #include "app/file_jobs.h"
+#include "app/formats.h"
 #include "app/progress.h"
 #include "data/format.h"
 #include "data/read_ahead.h"
 #include "data/reader.h"
-#include "export/bin_sink.h"
-#include "export/csv_sink.h"
-#include "export/influx_sink.h"
-#include "export/json_sink.h"
-#include "export/text_sink.h"
 #include "utils/env.h"
 #include "utils/log.h"
 #include "utils/numbers.h"
@@ -87,26 +83,12 @@ void sort_entries(std::vector<file_entry_t>& entries, const nmb_sort_order_t& or
 
 std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
                                                     nmb::OutputBuffer& out) {
-  switch (format) {
-    case NMB_FORMAT_JSON:
-      return std::make_unique<nmb::JsonSink>(settings, out, true);
-    case NMB_FORMAT_NDJSON:
-      return std::make_unique<nmb::JsonSink>(settings, out, false);
-    case NMB_FORMAT_CSV:
-      return std::make_unique<nmb::CsvSink>(settings, out);
-    case NMB_FORMAT_INFLUX:
-      return std::make_unique<nmb::InfluxSink>(settings, out);
-    case NMB_FORMAT_BIN: {
-      nmb::DataWriterConfig writer;
-      writer.output_dir = settings.output_dir;
-      const char* node_info = nmb_getenv("NMB_NODE_INFO");
-      writer.node_info = node_info != nullptr && nmb_env_is_true(node_info);
-      if (const char* root = nmb_getenv("NMB_INFINIBAND_ROOT")) writer.infiniband_root = root;
-      return std::make_unique<nmb::BinSink>(settings, out, std::move(writer));
-    }
-    default:
-      return std::make_unique<nmb::TextSink>(settings, out);
+  const nmb_output_format_entry_t* entry = nmb_output_format(format);
+  if (entry == nullptr) {
+    NMB_LOG(NMB_LOG_ERROR, "Unknown output format %d", format);
+    return nullptr;
   }
+  return entry->make_sink(settings, out);
 }
 
 nmb_reader_settings_t nmb_reader_settings_from(const nmb_read_options_t& options) {
@@ -247,6 +229,7 @@ int nmb_run(const nmb_read_options_t& options) {
   if (reads_ahead(jobs)) settings.walk_chunks = nmb_reader_walk_chunks_ahead;
   const nmb::ExportSettings export_with = nmb_export_settings_from(options);
   std::unique_ptr<nmb::BlockSink> sink = nmb_make_block_sink(options.format, export_with, out);
+  if (!sink) return 1;  // nothing is written, no file is processed
   sink->begin_run();
   int failed = 0;
   bool completed = true;

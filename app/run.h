@@ -10,11 +10,12 @@
 #include "export/record_output.h"
 
 // Processes every input file; returns the number of files that failed (1 when
-// sorting could not read a header, in which case no file is processed).
+// the format has no sink or sorting could not read a header, in which cases no
+// file is processed).
 int nmb_run(const nmb_read_options_t& options);
 
-// The block sink of an output format: the one place that knows them all. A
-// new format adds one line here.
+// The block sink of an output format, from its row in the format table;
+// nullptr (logged as an error) for a code the table does not have.
 std::unique_ptr<nmb::BlockSink> nmb_make_block_sink(int format, const nmb::ExportSettings& settings,
                                                     nmb::OutputBuffer& out);
 // What the reader and the exporters take from the options record (the

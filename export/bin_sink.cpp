@@ -10,8 +10,10 @@
 namespace nmb {
 
 BinSink::BinSink(const ExportSettings& settings, OutputBuffer& buffer,
-                 DataWriterConfig writer_config)
-    : TextSink(settings, buffer), writer_config_(std::move(writer_config)) {}
+                 DataWriterConfig writer_config, int format_code)
+    : TextSink(settings, buffer),
+      writer_config_(std::move(writer_config)),
+      format_code_(format_code) {}
 
 bool BinSink::file_opened(const char* path) {
   writer_.reset();
@@ -61,7 +63,9 @@ void BinSink::end_run(bool completed) {
 
 bool BinSink::write_event(const nmb_event_plan_t& /*plan*/, ByteView /*record*/,
                           const nmb_header_timestamp_t& /*ts*/) {
-  output().report("Unknown output format %d", 5);
+  // Event records of plain chunks go to no data file; the refusal names the
+  // format by its code.
+  output().report("Unknown output format %d", format_code_);
   return false;
 }
 

@@ -17,7 +17,10 @@ namespace nmb {
 
 class BinSink : public TextSink {
  public:
-  BinSink(const ExportSettings& settings, OutputBuffer& buffer, DataWriterConfig writer_config);
+  // `format_code`: the -f code this sink writes, named when an event record
+  // is refused.
+  BinSink(const ExportSettings& settings, OutputBuffer& buffer, DataWriterConfig writer_config,
+          int format_code);
 
   bool file_opened(const char* path) override;
   void header_read(const uint8_t* header) override;
@@ -33,6 +36,7 @@ class BinSink : public TextSink {
 
  private:
   DataWriterConfig writer_config_;
+  const int format_code_;
   nmb_client_id_t client_id_{};
   std::unique_ptr<DataWriter> writer_;  // one per file
   DataPage page_;                       // reused while the page size repeats

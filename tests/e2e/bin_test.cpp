@@ -135,6 +135,20 @@ TEST_F(BinE2E, ASchemasBlockWithANewIdStartsANewFile) {
   EXPECT_TRUE(std::equal(events_id_.begin(), events_id_.end(), header.begin() + 132));
 }
 
+TEST_F(BinE2E, EventRecordsOfPlainChunksFailTheFile) {
+  DataFile file;
+  file.block_size(1024).source("n", "t").times(kT0, kT0).event_schema(0, events_id_);
+  file.chunk(Chunk().events(kT0, 0, 0, 1, Bytes().u16(1).u64(2).vec()));
+  const std::string path = file.write(dir_.file("plain.bin"));
+  RunResult r = run({"-f", "bin", "-o", dir_.file("out"), path});
+  EXPECT_EQ(r.status, 1);
+  // The refusal names the format by its code.
+  EXPECT_NE(r.err.find("Failed processing file " + path + ": Unknown output format 5\n"),
+            std::string::npos)
+      << r.err;
+  EXPECT_TRUE(outputs().empty());
+}
+
 TEST_F(BinE2E, HostileSourcesStayInsideTheOutputFolder) {
   const std::vector<std::pair<std::string, std::string>> sources = {
       {"../../../escaped", ".."},

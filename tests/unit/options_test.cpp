@@ -80,10 +80,8 @@ TEST(Options, IncludeDefaultsToEverything) {
   EXPECT_EQ(parse({"-e", "x"}).options.exclude, (nmb_string_array_t{"x"}));
 }
 
-TEST(Options, FormatNamesMapBothWays) {
-  EXPECT_EQ(nmb_output_format_from_name("bin"), NMB_FORMAT_BIN);
-  EXPECT_EQ(nmb_output_format_from_name("JSON"), -1);
-  EXPECT_STREQ(nmb_output_format_name(NMB_FORMAT_INFLUX), "influx");
+TEST(Options, FormatIsTakenByName) {
+  EXPECT_EQ(parse({"-f", "influx"}).options.format, NMB_FORMAT_INFLUX);
   EXPECT_FALSE(parse({"-f", "xml"}).ok);
 }
 
