@@ -31,18 +31,17 @@ struct file_entry_t {
   std::string path;
 };
 
-void copy_header_text(char* out, size_t out_size, const uint8_t* text, size_t text_size) {
-  size_t length = strnlen(reinterpret_cast<const char*>(text), std::min(text_size, out_size - 1));
-  std::memcpy(out, text, length);
+// Cut as sorting has always compared them: at most 63 and 15 characters.
+void copy_header_text(char* out, size_t out_size, const std::string& text) {
+  const size_t length = std::min(text.size(), out_size - 1);
+  std::memcpy(out, text.data(), length);
   out[length] = '\0';
 }
 
-void fill_entry(file_entry_t& entry, const uint8_t (&header)[NMB_FILE_HEADER_SIZE]) {
-  copy_header_text(entry.source_id, sizeof entry.source_id, header + NMB_FH_SOURCE_ID,
-                   NMB_FH_SOURCE_ID_SIZE);
-  copy_header_text(entry.source_tag, sizeof entry.source_tag, header + NMB_FH_SOURCE_TAG,
-                   NMB_FH_SOURCE_TAG_SIZE);
-  entry.first_timestamp = nmb_header_first_timestamp(header);
+void fill_entry(file_entry_t& entry, const nmb_file_header_t& header) {
+  copy_header_text(entry.source_id, sizeof entry.source_id, header.source_id);
+  copy_header_text(entry.source_tag, sizeof entry.source_tag, header.source_tag);
+  entry.first_timestamp = header.first_timestamp;
 }
 
 // Negative, zero or positive as a orders before, with or after b on `key`.
@@ -98,7 +97,6 @@ nmb_reader_settings_t nmb_reader_settings_from(const nmb_read_options_t& options
   settings.fset_file = options.fset_file;
   settings.ignore_missing_filter = options.ignore_missing_filter;
   settings.metadata = options.metadata;
-  settings.print_headers = options.print_headers;
   settings.timestamp_gt = options.timestamp_gt;
   settings.timestamp_lt = options.timestamp_lt;
   return settings;
@@ -131,7 +129,7 @@ bool sort_files(const nmb_read_options_t& options, std::vector<std::string>& pat
   }
   for (size_t i = 0; i < options.files.size(); ++i) {
     const std::string& path = options.files[i];
-    uint8_t header[NMB_FILE_HEADER_SIZE];
+    nmb_file_header_t header;
     if (!nmb_read_header_only(path.c_str(), header)) {
       // Nothing is processed, and the json envelope stays open.
       NMB_LOG(NMB_LOG_ERROR, "Failed to read file header: %s", path.c_str());

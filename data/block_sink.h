@@ -10,6 +10,7 @@
 
 #include "data/bytes.h"
 
+struct nmb_file_header_t;  // data/file_header.h
 struct nmb_type_system_t;
 struct nmb_metadata_t;  // filter/metadata.h
 
@@ -25,12 +26,14 @@ class BlockSink {
   virtual void end_run(bool /*completed*/) {}
 
   // One file: opened (its path names it in reports; false: the sink cannot
-  // take the file, which then fails), its header read and checked, its
+  // take the file, which then fails), its header read (header_read, before
+  // any check: -p prints it there) and checked (header_checked), its
   // schemas loaded (again after every schemas block; nullptr while none
   // are), then its chunks walked between begin_data and end_data. `first` is
   // true for the run's first file; `ok` is false when the chunks failed.
   virtual bool file_opened(const char* path) = 0;
-  virtual void header_read(const uint8_t* /*header*/) {}
+  virtual void header_read(const nmb_file_header_t& /*header*/) {}
+  virtual void header_checked(const nmb_file_header_t& /*header*/) {}
   virtual void schemas_loaded(const nmb_type_system_t* ts) = 0;
   // The metadata of -M for the file, once, after its first schemas are
   // loaded and before begin_data (nullptr without -M or when none is found).

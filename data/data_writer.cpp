@@ -13,7 +13,6 @@
 #include "utils/env.h"
 #include "utils/hca_info.h"
 #include "utils/log.h"
-#include "utils/output.h"
 
 namespace nmb {
 
@@ -119,21 +118,21 @@ void DataWriter::set_initial_schema_ids(const uint8_t* counters_id16, const uint
   std::memcpy(initial_event_ids_, event_ids, sizeof initial_event_ids_);
 }
 
-void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/) {
+bool DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/) {
   const uint8_t* p = page.data();
   const size_t size = page.size();
   if (p[NMB_DP_VERSION_MAJOR] != 1 || p[NMB_DP_VERSION_MINOR] < 7) {
     NMB_LOG(NMB_LOG_WARNING, "[data_writer] Received incompatible data page. Skipping.");
-    return;
+    return true;
   }
   // A filled offset outside the buffer is cut to it.
   const uint64_t filled =
       std::clamp<uint64_t>(nmb_load_u64(p + NMB_DP_FILLED), NMB_DATA_PAGE_HEADER_SIZE, size);
   if (filled == NMB_DATA_PAGE_HEADER_SIZE) {
     NMB_LOG(NMB_LOG_DEBUG, "[data_writer] Received empty data page. Skipping.");
-    return;
+    return true;
   }
-  if (config_.filtering && !config_.filter.passes(page)) return;
+  if (config_.filtering && !config_.filter.passes(page)) return true;
 
   const std::string source_id = text_field(p + NMB_DP_SOURCE_ID, NMB_DP_SOURCE_ID_SIZE);
   const std::string source_tag = text_field(p + NMB_DP_SOURCE_TAG, NMB_DP_SOURCE_TAG_SIZE);
@@ -188,16 +187,7 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
       NMB_LOG(NMB_LOG_WARNING,
               "[data_writer] Unrecognized type of data page. Cannot save to file.");
       NMB_LOG(NMB_LOG_WARNING, "[data_writer] type: %d ", type);
-      OutputBuffer& out = stdout_buffer();
-      char line[100];
-      const size_t dump = std::min<size_t>(size, 1024);
-      for (size_t start = 0; start < dump; start += 16) {
-        nmb_format_hex_dump_line(p + start, std::min<size_t>(16, dump - start), line, sizeof line);
-        out.write(line);
-        out.put('\n');
-      }
-      out.commit();
-      return;
+      return false;
     }
   }
 
@@ -261,6 +251,7 @@ void DataWriter::save_page(const DataPage& page, const nmb_type_system_t* /*ts*/
     }
   }
   if (config_.node_info && !state.path.empty()) write_node_info(state);
+  return true;
 }
 
 bool DataWriter::open_for_timestamp(OutputState& state, uint64_t first, uint64_t last,

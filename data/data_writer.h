@@ -63,8 +63,10 @@ class DataWriter {
   // event ids).
   void set_initial_schema_ids(const uint8_t* counters_id16, const uint8_t* event_ids);
 
-  // Writes one page (never fails; what cannot be written is logged).
-  void save_page(const DataPage& page, const nmb_type_system_t* ts);
+  // Writes one page (what cannot be written is logged). False when its
+  // first block is of no kind a data file holds: the page is not written,
+  // and the caller shows its bytes.
+  bool save_page(const DataPage& page, const nmb_type_system_t* ts);
 
   // Pages that went to be written (those the writer skips by its rules not
   // counted), those of them that could not be, and where the first of those

@@ -1,5 +1,6 @@
 // The on-disk layout of data files: the 256-byte file header, the block
-// kinds and their headers, the version rule and the -p prints.
+// kinds and their headers, and the version rule (export/header_print prints
+// them for -p).
 #pragma once
 
 #include <cstddef>
@@ -126,16 +127,3 @@ inline uint64_t nmb_header_last_timestamp(const uint8_t* h) {
 inline uint32_t nmb_header_block_size(const uint8_t* h) {
   return nmb_load_u32(h + NMB_FH_BLOCK_SIZE);
 }
-
-// The -p prints, to standard output. Each reads only its block's header
-// (file header 256 bytes, counters 16, event 16, blob 20).
-void nmb_print_file_header(const uint8_t* header);
-void nmb_print_counters_block_header(const uint8_t* block);
-void nmb_print_event_block_header(const uint8_t* block);
-void nmb_print_blob_block_header(const uint8_t* block);
-
-// Field tables (name, offset, size) of the layouts, for documentation.
-void nmb_print_file_header_fields();
-void nmb_print_counters_block_fields();
-void nmb_print_event_block_fields();
-void nmb_print_blob_block_fields();

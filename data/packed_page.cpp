@@ -295,3 +295,23 @@ void nmb_nmbp_header_copy_identity(const uint8_t* header, size_t header_size,
   size_t tag_length = std::min<size_t>({header[at], NMB_NMBP_MAX_SOURCE_TAG, header_size - at - 1});
   std::memcpy(page.source_tag, header + at + 1, tag_length);
 }
+
+namespace {
+
+nmb_block_type_t block_type_at(nmb::ByteView view, size_t offset) {
+  uint8_t magic[4];
+  view.copy(offset, magic, sizeof magic);
+  return nmb_classify_block(magic);
+}
+
+}  // namespace
+
+size_t nmb_decoded_page_block_length(nmb::ByteView page) {
+  const size_t size = page.size();
+  if (size > NMB_COUNTERS_BLOCK_HEADER_SIZE && block_type_at(page, 0) == NMB_COUNTERS_BLOCK) {
+    for (size_t offset = NMB_COUNTERS_BLOCK_HEADER_SIZE; offset < size; offset += 4) {
+      if (block_type_at(page, offset) == NMB_COUNTERS_BLOCK) return offset;
+    }
+  }
+  return size;
+}

@@ -16,6 +16,8 @@
 #include <span>
 #include <vector>
 
+#include "data/bytes.h"
+
 inline constexpr uint8_t NMB_ENCODING_GZIP = 'G';
 inline constexpr uint8_t NMB_ENCODING_SNAPPY = 'S';
 
@@ -90,3 +92,7 @@ size_t nmb_embed_nmbp_header_into_buffer(const uint8_t* header, const char* sour
 // header) into a page's fixed text fields.
 void nmb_nmbp_header_copy_identity(const uint8_t* header, size_t header_size,
                                    nmb_page_identity_t& page);
+
+// The size of the blocks a decoded page holds: a page of counters blocks is
+// cut at the next counters magic, any other page is one block.
+size_t nmb_decoded_page_block_length(nmb::ByteView page);

@@ -48,7 +48,7 @@ class ReadAhead {
  public:
   explicit ReadAhead(nmb_reader_context_t& reader)
       : reader_(reader),
-        block_size_(nmb_header_block_size(reader.header)),
+        block_size_(reader.header.block_size),
         batch_chunks_(std::max<size_t>(1, kBatchBytes / block_size_)) {}
 
   ~ReadAhead() {

@@ -13,6 +13,7 @@
 #include "data/packed_page.h"
 #include "data/schema_json.h"
 #include "data/type_system.h"
+#include "filter/metadata.h"
 #include "filter/provider_counter_set.h"
 #include "filter/provider_field_set.h"
 #include "utils/log.h"
@@ -85,16 +86,6 @@ bool process_event_area(nmb_reader_context_t& reader, nmb::ByteView area) {
 
 }  // namespace
 
-size_t nmb_decoded_page_block_length(nmb::ByteView page) {
-  const size_t size = page.size();
-  if (size > NMB_COUNTERS_BLOCK_HEADER_SIZE && classify_at(page, 0) == NMB_COUNTERS_BLOCK) {
-    for (size_t offset = NMB_COUNTERS_BLOCK_HEADER_SIZE; offset < size; offset += 4) {
-      if (classify_at(page, offset) == NMB_COUNTERS_BLOCK) return offset;
-    }
-  }
-  return size;
-}
-
 namespace {
 
 // What went wrong in the last gzread: zlib's own message for corrupt or cut
@@ -151,7 +142,7 @@ bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
   return sink.file_opened(path);
 }
 
-bool nmb_read_header_only(const char* path, uint8_t (&header)[NMB_FILE_HEADER_SIZE]) {
+bool nmb_read_header_only(const char* path, nmb_file_header_t& header) {
   errno = 0;
   gzFile file = gzopen(path, "rb");
   if (file == nullptr) {
@@ -170,7 +161,7 @@ bool nmb_read_header_only(const char* path, uint8_t (&header)[NMB_FILE_HEADER_SI
     NMB_LOG(NMB_LOG_ERROR, "Invalid header in file: %s", path);
     return false;
   }
-  std::memcpy(header, read, NMB_FILE_HEADER_SIZE);
+  header = nmb_file_header_decode(read);
   return true;
 }
 
@@ -228,7 +219,7 @@ bool load_type_system(nmb_reader_context_t& reader, const uint8_t* ids, size_t c
   }
 
   // A field set without a counter set excludes all counters (unless -I).
-  const uint8_t* counters_id = reader.header + NMB_FH_COUNTERS_SCHEMA_ID;
+  const uint8_t* counters_id = reader.header.counters_schema_id;
   if (!(have_fset && !have_cset && !settings.ignore_missing_filter) &&
       !nmb_schema_id_is_zero(counters_id)) {
     std::string path = schema_file_path(settings, counters_id);
@@ -361,7 +352,7 @@ void report_truncation(nmb_reader_context_t& reader, uint64_t expected) {
 }  // namespace
 
 nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* chunk, size_t& size) {
-  const uint32_t block_size = nmb_header_block_size(reader.header);
+  const uint32_t block_size = reader.header.block_size;
   errno = 0;
   int n = gzread(reader.file, chunk, block_size);
   if (n < 0 || (static_cast<uint32_t>(n) < block_size && compressed_input_cut_short(reader.file))) {
@@ -370,7 +361,7 @@ nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* ch
     return NMB_CHUNK_FAILED;
   }
   if (n == 0 && gzeof(reader.file)) {
-    report_truncation(reader, nmb_header_file_size(reader.header));
+    report_truncation(reader, reader.header.file_size);
     return NMB_CHUNK_END;
   }
   if (n < 4) {
@@ -385,16 +376,16 @@ nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* ch
   }
   reader.bytes_found += size;
   if (size < block_size) {
-    report_truncation(reader, std::max(nmb_header_file_size(reader.header),
-                                       reader.bytes_found - size + block_size));
+    report_truncation(reader,
+                      std::max(reader.header.file_size, reader.bytes_found - size + block_size));
   }
   return NMB_CHUNK_READ;
 }
 
 bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
   const nmb_reader_settings_t& settings = *reader.settings;
-  const uint64_t first = nmb_header_first_timestamp(reader.header);
-  const uint64_t last = nmb_header_last_timestamp(reader.header);
+  const uint64_t first = reader.header.first_timestamp;
+  const uint64_t last = reader.header.last_timestamp;
   const uint64_t gt = settings.timestamp_gt;
   const uint64_t lt = settings.timestamp_lt;
   // Kept as it has always been: this compound test never holds with the
@@ -408,7 +399,7 @@ bool nmb_reader_process_chunks(nmb_reader_context_t& reader) {
 }
 
 bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
-  const uint32_t block_size = nmb_header_block_size(reader.header);
+  const uint32_t block_size = reader.header.block_size;
   reader.chunk.reset(static_cast<uint8_t*>(std::calloc(block_size, 1)));
   if (!reader.chunk) {
     return nmb_reader_allocation_failed(block_size);
@@ -445,25 +436,26 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
   NMB_LOG(NMB_LOG_DEBUG, "Processing data file %s", path);
 
   errno = 0;
-  if (gzread(reader.file, reader.header, NMB_FILE_HEADER_SIZE) !=
-      static_cast<int>(NMB_FILE_HEADER_SIZE)) {
+  uint8_t raw[NMB_FILE_HEADER_SIZE];
+  if (gzread(reader.file, raw, NMB_FILE_HEADER_SIZE) != static_cast<int>(NMB_FILE_HEADER_SIZE)) {
     nmb_reader_report(reader, "Failed reading data file header: %s", std::strerror(errno));
     return false;
   }
-  if (settings.print_headers) nmb_print_file_header(reader.header);
-  if (!nmb_check_file_header(reader.header)) {
+  reader.header = nmb_file_header_decode(raw);
+  sink.header_read(reader.header);
+  if (!nmb_check_file_header(raw)) {
     nmb_reader_report(reader, "Invalid data file header");
     return false;
   }
-  sink.header_read(reader.header);
-  const uint32_t block_size = nmb_header_block_size(reader.header);
+  sink.header_checked(reader.header);
+  const uint32_t block_size = reader.header.block_size;
   if (block_size < NMB_MIN_BLOCK_SIZE || block_size >= NMB_MAX_BLOCK_SIZE_BOUND) {
     nmb_reader_report(reader, "Block size %d must be in range between %zu and %d bytes ",
                       static_cast<int>(block_size), static_cast<size_t>(NMB_MIN_BLOCK_SIZE),
                       static_cast<int>(NMB_MAX_BLOCK_SIZE_BOUND));
     return false;
   }
-  if (!nmb_reader_load_type_system(reader, reader.header + NMB_FH_EVENT_SCHEMA_IDS,
+  if (!nmb_reader_load_type_system(reader, reader.header.event_schema_ids[0],
                                    NMB_FH_EVENT_SCHEMA_COUNT)) {
     nmb_reader_report(reader, "Failed to load type system");
     return false;
@@ -471,7 +463,7 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
   if (settings.metadata) {
     // Missing metadata is no error: the file is exported without it.
     char id[NMB_SCHEMA_ID_TEXT_SIZE];
-    nmb_schema_id_to_text(reader.header + NMB_FH_COUNTERS_SCHEMA_ID, id);
+    nmb_schema_id_to_text(reader.header.counters_schema_id, id);
     reader.metadata = nmb_metadata_locate(settings.schema_path, id);
   }
   sink.metadata_loaded(reader.metadata.get());

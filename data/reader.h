@@ -12,10 +12,11 @@
 
 #include "data/block_sink.h"
 #include "data/bytes.h"
+#include "data/file_header.h"
 #include "data/format.h"
-#include "filter/metadata.h"
 
 struct nmb_type_system_t;  // data/type_system.h
+struct nmb_metadata_t;     // filter/metadata.h
 struct gzFile_s;           // zlib's file handle; <zlib.h> stays out of this header
 
 struct nmb_reader_context_t;
@@ -27,7 +28,6 @@ struct nmb_reader_settings_t {
   std::string fset_file;  // empty: none
   bool ignore_missing_filter = false;
   bool metadata = false;
-  bool print_headers = false;
   uint64_t timestamp_gt = 0;
   uint64_t timestamp_lt = UINT64_MAX;
   // Walks the chunks after the header when set (the read-ahead walk of
@@ -43,10 +43,10 @@ struct nmb_reader_context_t {  // one per data file
   const nmb_reader_settings_t* settings = nullptr;
   nmb::BlockSink* sink = nullptr;
   const char* path = nullptr;
-  gzFile_s* file = nullptr;  // owned, closed by the destructor
-  uint8_t header[NMB_FILE_HEADER_SIZE] = {};
+  gzFile_s* file = nullptr;                        // owned, closed by the destructor
+  nmb_file_header_t header;                        // decoded once read
   std::unique_ptr<nmb_type_system_t> type_system;  // rebuilt by every schema load
-  nmb_metadata_ptr metadata;                       // -M; nullptr when off or none was found
+  std::shared_ptr<const nmb_metadata_t> metadata;  // -M; nullptr when off or none was found
   // The chunk buffer: block_size bytes, zero-filled once (calloc: nothing is
   // committed until read into) and reused without clearing, so a short last
   // chunk is followed by what the previous chunk left.
@@ -77,7 +77,7 @@ void nmb_reader_report(nmb_reader_context_t& reader, const char* format, ...)
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
                       bool first);
 // Reads and checks the header only (for sorting); true when it is valid.
-bool nmb_read_header_only(const char* path, uint8_t (&header)[NMB_FILE_HEADER_SIZE]);
+bool nmb_read_header_only(const char* path, nmb_file_header_t& header);
 
 // Opens `path` into a fresh context; false (logged) when it cannot be opened.
 bool nmb_reader_open(nmb_reader_context_t& reader, const char* path,
@@ -113,9 +113,6 @@ bool nmb_reader_process_page(nmb_reader_context_t& reader, std::span<const uint8
                              nmb::ByteView page);
 // Walks the packed pages of one page chunk and dispatches their blocks.
 bool nmb_reader_process_page_chunk(nmb_reader_context_t& reader, std::span<const uint8_t> chunk);
-// The size of the blocks a decoded page holds: a page of counters blocks is
-// cut at the next counters magic, any other page is one block.
-size_t nmb_decoded_page_block_length(nmb::ByteView page);
 // Dispatches one block by its type.
 bool nmb_reader_process_block(nmb_reader_context_t& reader, nmb::ByteView block,
                               bool in_compressed_block);

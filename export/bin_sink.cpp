@@ -1,13 +1,34 @@
 #include "export/bin_sink.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 
+#include "data/file_header.h"
 #include "data/packed_page.h"
-#include "data/reader.h"
 #include "utils/log.h"
+#include "utils/output.h"
 
 namespace nmb {
+
+namespace {
+
+// A page the writer cannot place: its first 1024 bytes in hex on standard
+// output, after the writer's warnings.
+void show_page(const DataPage& page) {
+  OutputBuffer& out = stdout_buffer();
+  char line[100];
+  const size_t dump = std::min<size_t>(page.size(), 1024);
+  for (size_t start = 0; start < dump; start += 16) {
+    nmb_format_hex_dump_line(page.data() + start, std::min<size_t>(16, dump - start), line,
+                             sizeof line);
+    out.write(line);
+    out.put('\n');
+  }
+  out.commit();
+}
+
+}  // namespace
 
 BinSink::BinSink(const ExportSettings& settings, OutputBuffer& buffer,
                  DataWriterConfig writer_config, int format_code)
@@ -29,15 +50,13 @@ bool BinSink::file_opened(const char* path) {
   return TextSink::file_opened(path);
 }
 
-void BinSink::header_read(const uint8_t* header) {
+void BinSink::header_checked(const nmb_file_header_t& header) {
   // Pages carry no schema ids of their own: the files written from them name
   // the schemas of the file they come from.
-  std::memcpy(counters_schema_id_, header + NMB_FH_COUNTERS_SCHEMA_ID, NMB_SCHEMA_ID_SIZE);
-  file_block_size_ = nmb_header_block_size(header);
-  if (writer_) {
-    writer_->set_initial_schema_ids(header + NMB_FH_COUNTERS_SCHEMA_ID,
-                                    header + NMB_FH_EVENT_SCHEMA_IDS);
-  }
+  std::memcpy(counters_schema_id_, header.counters_schema_id, NMB_SCHEMA_ID_SIZE);
+  file_block_size_ = header.block_size;
+  if (writer_)
+    writer_->set_initial_schema_ids(header.counters_schema_id, header.event_schema_ids[0]);
 }
 
 void BinSink::end_data(bool ok) {
@@ -105,7 +124,7 @@ bool BinSink::data_page(std::span<const uint8_t> payload, ByteView page) {
                    sizeof identity.source_tag);
   page_.set_counters_schema_id(counters_schema_id_);
   try {
-    writer_->save_page(page_, type_system());
+    if (!writer_->save_page(page_, type_system())) show_page(page_);
   } catch (const std::exception& e) {
     NMB_LOG(NMB_LOG_ERROR, "[data_writer] %s", e.what());
     return false;

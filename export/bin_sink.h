@@ -23,7 +23,7 @@ class BinSink : public TextSink {
           int format_code);
 
   bool file_opened(const char* path) override;
-  void header_read(const uint8_t* header) override;
+  void header_checked(const nmb_file_header_t& header) override;
   void end_data(bool ok) override;
   void end_run(bool completed) override;
 

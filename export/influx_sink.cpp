@@ -3,19 +3,11 @@
 #include <cinttypes>
 #include <string_view>
 
-#include "data/format.h"
+#include "data/file_header.h"
 #include "data/type_system.h"
 #include "utils/log.h"
 
 namespace nmb {
-
-namespace {
-// A NUL-padded text field of the file header.
-std::string_view header_text(const uint8_t* header, size_t offset, size_t size) {
-  std::string_view text(reinterpret_cast<const char*>(header + offset), size);
-  return text.substr(0, text.find('\0'));
-}
-}  // namespace
 
 bool InfluxSink::file_opened(const char* path) {
   serializer_.set_source({}, {});
@@ -24,9 +16,8 @@ bool InfluxSink::file_opened(const char* path) {
   return RecordSink::file_opened(path);
 }
 
-void InfluxSink::header_read(const uint8_t* header) {
-  serializer_.set_source(header_text(header, NMB_FH_SOURCE_ID, NMB_FH_SOURCE_ID_SIZE),
-                         header_text(header, NMB_FH_SOURCE_TAG, NMB_FH_SOURCE_TAG_SIZE));
+void InfluxSink::header_checked(const nmb_file_header_t& header) {
+  serializer_.set_source(header.source_id, header.source_tag);
 }
 
 void InfluxSink::schemas_loaded(const nmb_type_system_t* ts) {

@@ -17,7 +17,7 @@ class InfluxSink : public RecordSink {
       : RecordSink(settings, buffer, false) {}
 
   bool file_opened(const char* path) override;
-  void header_read(const uint8_t* header) override;
+  void header_checked(const nmb_file_header_t& header) override;
   void schemas_loaded(const nmb_type_system_t* ts) override;
   void end_data(bool ok) override;
 

@@ -3,8 +3,10 @@
 #include <string>
 
 #include "data/events_block.h"
+#include "data/file_header.h"
 #include "data/format.h"
 #include "data/type_system.h"
+#include "export/header_print.h"
 #include "export/value_format.h"
 #include "metrics/metrics_parser.h"
 #include "utils/log.h"
@@ -25,6 +27,10 @@ bool RecordSink::file_opened(const char* path) {
   metadata_ = nullptr;
   schemas_loaded(nullptr);
   return true;
+}
+
+void RecordSink::header_read(const nmb_file_header_t& header) {
+  if (output_.settings().print_headers) nmb_print_file_header(header);
 }
 
 void RecordSink::schemas_loaded(const nmb_type_system_t* ts) {

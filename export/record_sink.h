@@ -32,6 +32,7 @@ class RecordSink : public BlockSink {
   ~RecordSink() override;
 
   bool file_opened(const char* path) override;
+  void header_read(const nmb_file_header_t& header) override;
   void schemas_loaded(const nmb_type_system_t* ts) override;
   void metadata_loaded(const nmb_metadata_t* metadata) override;
   bool counters_block(ByteView block) override;

@@ -85,8 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   reader.sink = sink.get();
   reader.path = "fuzz_page_chunk";
   sink->file_opened(reader.path);
-  std::memcpy(reader.header, g_header, NMB_FILE_HEADER_SIZE);
-  if (!nmb_reader_load_type_system(reader, reader.header + NMB_FH_EVENT_SCHEMA_IDS,
+  reader.header = nmb_file_header_decode(g_header);
+  if (!nmb_reader_load_type_system(reader, reader.header.event_schema_ids[0],
                                    NMB_FH_EVENT_SCHEMA_COUNT)) {
     std::abort();  // the schemas written at start-up always load
   }

@@ -149,6 +149,20 @@ TEST_F(BinE2E, EventRecordsOfPlainChunksFailTheFile) {
   EXPECT_TRUE(outputs().empty());
 }
 
+// A page whose first block no data file holds (a blob) is shown, its first
+// 1024 bytes in hex on standard output, and not written.
+TEST_F(BinE2E, APageOfNoKnownBlockIsShownNotWritten) {
+  DataFile file;
+  file.block_size(4096).source("n", "t").times(kT0, kT0);
+  const ByteVec blob = Bytes().text("NMBB").zeros(2000).vec();
+  file.chunk(Chunk().page(PackedPage('G').content(blob).source("n", "t").times(kT0, kT0)));
+  RunResult r = run({"-f", "bin", "-o", dir_.file("out"), file.write(dir_.file("blob.bin"))});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 64) << r.out;
+  EXPECT_NE(r.err.find("Unrecognized type of data page"), std::string::npos) << r.err;
+  EXPECT_TRUE(outputs().empty());
+}
+
 TEST_F(BinE2E, HostileSourcesStayInsideTheOutputFolder) {
   const std::vector<std::pair<std::string, std::string>> sources = {
       {"../../../escaped", ".."},

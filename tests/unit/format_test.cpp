@@ -1,4 +1,5 @@
 #include "data/format.h"
+#include "export/header_print.h"
 
 #include <gtest/gtest.h>
 
@@ -89,7 +90,7 @@ TEST(HeaderPrints, FileHeader) {
   h[NMB_FH_COUNTERS_SCHEMA_ID] = 0xAB;
   h[NMB_FH_EVENT_SCHEMA_IDS + 16 + 15] = 0x01;
   h[NMB_FH_BYTE_ORDER] = 2;
-  nmb_print_file_header(h.data());
+  nmb_print_file_header(nmb_file_header_decode(h));
   const std::string zero(32, '0');
   EXPECT_EQ(take_stdout(),
             "Data file header\n"

@@ -383,7 +383,9 @@ TEST(ChunkLoop, LargeBlockSizeIsNotCommittedAheadOfReading) {
   nmb::test::RecordingSink sink;
   nmb_reader_context_t reader;
   ASSERT_TRUE(nmb_reader_open(reader, path.c_str(), settings, sink));
-  ASSERT_EQ(gzread(reader.file, reader.header, NMB_FILE_HEADER_SIZE), 256);
+  uint8_t header[NMB_FILE_HEADER_SIZE];
+  ASSERT_EQ(gzread(reader.file, header, NMB_FILE_HEADER_SIZE), 256);
+  reader.header = nmb_file_header_decode(header);
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   EXPECT_TRUE(nmb_reader_process_chunks(reader));
