@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/metrics_builder.h"
 #include "tests/support/run_binary.h"
 
@@ -20,7 +21,7 @@ using namespace nmb::test;
 
 constexpr uint64_t kT0 = 1700000000000000;
 
-class BinE2E : public ::testing::Test {
+class BinE2E : public E2ETest {
  protected:
   void SetUp() override {
     std::filesystem::create_directories(dir_.file("out"));
@@ -32,14 +33,11 @@ class BinE2E : public ::testing::Test {
     events_id_ = write_schema_file(dir_.file("schema"), EventSchema().type(port));
   }
 
+  // The host name the written files are named after.
   RunResult run(std::vector<std::string> args) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema")});
     RunOptions options;
-    options.env.emplace_back("TZ", "UTC");
     options.env.emplace_back("NMB_HOST_NAME", "testhost");
-    RunResult result = run_binary(NMB_READ_BINARY, args, options);
-    result.err = strip_log_timestamps(result.err);
-    return result;
+    return E2ETest::run(std::move(args), options);
   }
 
   // Every file under the output folder, sorted by path.
@@ -81,7 +79,6 @@ class BinE2E : public ::testing::Test {
     return file.write(dir_.file(name));
   }
 
-  TempDir dir_;
   SchemaId counters_id_{};
   SchemaId events_id_{};
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
@@ -15,7 +16,7 @@ using namespace nmb::test;
 
 constexpr uint64_t kT0 = 1700000000000000;  // 2023-11-14 22:13:20 UTC
 
-class CountersE2E : public ::testing::Test {
+class CountersE2E : public E2ETest {
  protected:
   // Writes the schema and a file of the given counters blocks.
   std::string write(const CountersSchema& schema, const std::vector<Chunk>& chunks,
@@ -26,16 +27,6 @@ class CountersE2E : public ::testing::Test {
     for (const auto& chunk : chunks) file.chunk(chunk);
     return file.write(dir_.file("data.bin"));
   }
-
-  RunResult run(std::vector<std::string> args, RunOptions options = {}) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema")});
-    options.env.emplace_back("TZ", "UTC");
-    RunResult result = run_binary(NMB_READ_BINARY, args, options);
-    result.err = strip_log_timestamps(result.err);
-    return result;
-  }
-
-  TempDir dir_;
 };
 
 // Every type and string format is rendered as the counters export test

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
@@ -17,7 +18,7 @@ using namespace nmb::test;
 constexpr uint64_t kT0 = 1700000000000000;  // 2023-11-14 22:13:20 UTC
 constexpr uint64_t kT1 = 1700000000250999;  // 22:13:20.250999
 
-class EventsE2E : public ::testing::Test {
+class EventsE2E : public E2ETest {
  protected:
   SchemaId schema(const EventSchema& s) { return write_schema_file(dir_.file("schema"), s); }
   SchemaId schema(const std::string& text) { return write_schema_file(dir_.file("schema"), text); }
@@ -30,16 +31,6 @@ class EventsE2E : public ::testing::Test {
     for (const auto& chunk : chunks) file.chunk(chunk);
     return file.write(dir_.file(name));
   }
-
-  RunResult run(std::vector<std::string> args, RunOptions options = {}) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema")});
-    options.env.emplace_back("TZ", "UTC");
-    RunResult result = run_binary(NMB_READ_BINARY, args, options);
-    result.err = strip_log_timestamps(result.err);
-    return result;
-  }
-
-  TempDir dir_;
 };
 
 ByteVec all_builtins_record(int8_t sign) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
@@ -16,7 +17,7 @@ using namespace nmb::test;
 
 constexpr uint64_t kT0 = 1700000000000000;
 
-class FiltersE2E : public ::testing::Test {
+class FiltersE2E : public E2ETest {
  protected:
   void SetUp() override {
     CounterGroup node("node");
@@ -40,12 +41,11 @@ class FiltersE2E : public ::testing::Test {
     return path;
   }
 
+  // The data file as ndjson with the given filter options.
   RunResult run(std::vector<std::string> args) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema"), "-f", "ndjson"});
+    args.insert(args.begin(), {"-f", "ndjson"});
     args.push_back(data_);
-    RunResult result = run_binary(NMB_READ_BINARY, args);
-    result.err = strip_log_timestamps(result.err);
-    return result;
+    return E2ETest::run(std::move(args));
   }
 
   static constexpr const char* kCounters =
@@ -54,7 +54,6 @@ class FiltersE2E : public ::testing::Test {
   static constexpr const char* kEventTime =
       R"("header_timestamp":1700000000000000,"@header_timestamp":"2023-11-14 22:13:20.000"})";
 
-  TempDir dir_;
   std::string data_;
 };
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
@@ -20,7 +21,7 @@ constexpr const char* kPortsMetadata =
          {"pattern":"port_$MATCH_","index_names":["port"],
           "matches_and_labels":[{"pattern_match":["1"],"labels":{"type":"eth"}}]}]}}})";
 
-class MetadataE2E : public ::testing::Test {
+class MetadataE2E : public E2ETest {
  protected:
   // A file of one counters block of a schema with the given counters (value
   // i + 1 for the i-th); returns its path.
@@ -44,14 +45,6 @@ class MetadataE2E : public ::testing::Test {
     write_text_file(dir_.file("metadata/metadata_" + ids_.back() + ".json"), text);
   }
 
-  RunResult run(std::vector<std::string> args) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema")});
-    RunResult result = run_binary(NMB_READ_BINARY, args);
-    result.err = strip_log_timestamps(result.err);
-    return result;
-  }
-
-  TempDir dir_;
   std::vector<std::string> ids_;
 };
 

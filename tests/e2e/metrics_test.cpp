@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/metrics_builder.h"
 #include "tests/support/run_binary.h"
 
@@ -15,7 +16,7 @@ namespace {
 
 using namespace nmb::test;
 
-class MetricsE2E : public ::testing::Test {
+class MetricsE2E : public E2ETest {
  protected:
   // A file whose chunks each hold one block; the counters schema has one
   // counter "c".
@@ -28,17 +29,6 @@ class MetricsE2E : public ::testing::Test {
     for (const ByteVec& block : blocks) file.chunk(Chunk().raw(block));
     return file.write(dir_.file("data.bin"));
   }
-
-  RunResult run(std::vector<std::string> args) const {
-    args.insert(args.begin(), {"-s", dir_.file("schema")});
-    RunOptions options;
-    options.env.emplace_back("TZ", "UTC");
-    RunResult result = run_binary(NMB_READ_BINARY, args, options);
-    result.err = strip_log_timestamps(result.err);
-    return result;
-  }
-
-  TempDir dir_;
 };
 
 // Label set 0 names "host"; the common labels set "host" too.

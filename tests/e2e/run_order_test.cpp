@@ -8,25 +8,16 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
 
 using namespace nmb::test;
 
-class RunOrder : public ::testing::Test {
+class RunOrder : public E2ETest {
  protected:
-  void SetUp() override {
-    schema_dir_ = dir_.file("schema");
-    std::filesystem::create_directories(schema_dir_);
-  }
-
-  RunResult run(std::vector<std::string> args) const {
-    args.insert(args.begin(), {"-s", schema_dir_});
-    RunResult result = run_binary(NMB_READ_BINARY, args);
-    result.err = strip_log_timestamps(result.err);
-    return result;
-  }
+  void SetUp() override { std::filesystem::create_directories(schema_dir_); }
 
   // The log lines of the sort lists, in order.
   static std::string sort_lines(const std::string& err) {
@@ -37,9 +28,6 @@ class RunOrder : public ::testing::Test {
     }
     return out;
   }
-
-  TempDir dir_;
-  std::string schema_dir_;
 };
 
 TEST_F(RunOrder, DebugListsShowTheOrderBeforeAndAfterSorting) {

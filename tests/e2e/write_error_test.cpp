@@ -7,13 +7,14 @@
 #include <vector>
 
 #include "tests/support/data_builder.h"
+#include "tests/support/e2e_test.h"
 #include "tests/support/run_binary.h"
 
 namespace {
 
 using namespace nmb::test;
 
-class WriteError : public ::testing::Test {
+class WriteError : public E2ETest {
  protected:
   void SetUp() override {
     CountersSchema schema;
@@ -36,13 +37,9 @@ class WriteError : public ::testing::Test {
 
   RunResult run(const std::string& format, const std::string& input, const RunOptions& options,
                 const std::string& jobs = "1") const {
-    return run_binary(NMB_READ_BINARY,
-                      {"-s", dir_.file("schema"), "-f", format, "-j", jobs, dir_.file(input),
-                       dir_.file("after.bin")},
-                      options);
+    return E2ETest::run({"-f", format, "-j", jobs, dir_.file(input), dir_.file("after.bin")},
+                        options);
   }
-
-  TempDir dir_;
 };
 
 TEST_F(WriteError, FullDeviceOrClosedPipeEndsTheRunWithOneLine) {

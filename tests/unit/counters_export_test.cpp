@@ -9,6 +9,7 @@
 #include "counters/counters_schema.h"
 #include "counters/counters_text.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
 
@@ -204,9 +205,9 @@ TEST_F(CountersExport, WarningsComeOncePerCounterSetInCounterOrder) {
       .add(nmb::test::make_counter("w", "INT128"));
   auto schema = load(CountersSchema().group(g));
   nmb_init_stderr_logger(NMB_LOG_WARNING);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   std::string out = compact(*schema, Bytes().u128(1, 0).u64(7).u128(2, 0), 0);
-  std::string err = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string err = nmb::test::captured_log();
   nmb_logger_reset_for_tests();
   const std::string wide =
       "[warning] Decimal format not fully supported for 128-bit types, using hex "

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
 
@@ -178,16 +179,16 @@ TEST(CountersSchemaLoad, CounterFilterDropsCountersAndEmptyGroups) {
 // without a name, and the total with its trailing " d".
 TEST(CountersSchemaLoad, MessagesOfALoad) {
   nmb_init_stderr_logger(NMB_LOG_DEBUG);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   auto schema = load(document(
       {group({counter("a", "UINT64", R"("length":4)"), counter("s", "STRING", R"("length":3)")},
              R"("name":"g")"),
        group({counter("w", "UINT128")}, "", 2)},
       "2.0.0"));
-  std::string err = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
-  testing::internal::CaptureStderr();
+  std::string err = nmb::test::captured_log();
+  nmb::test::capture_stderr();
   auto mismatch = load(R"({"version":"1.5.0"})");
-  std::string warning = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string warning = nmb::test::captured_log();
   nmb_logger_reset_for_tests();
   ASSERT_TRUE(schema);
   EXPECT_FALSE(mismatch);

@@ -15,6 +15,7 @@
 #include "export/text_sink.h"
 #include "export/value_format.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
 #include "utils/output.h"
@@ -76,9 +77,9 @@ class Exporter {
   // Exports one block; returns the bytes consumed, output in out(), stderr in err().
   size_t run(const ByteVec& block) {
     nmb::RecordSink& s = sink();
-    testing::internal::CaptureStderr();
+    nmb::test::capture_stderr();
     size_t consumed = s.events_block(nmb::ByteView(block));
-    err_ = testing::internal::GetCapturedStderr();
+    err_ = nmb::test::captured_stderr();
     out_ = nmb::stdout_buffer().text();
     nmb::stdout_buffer().text().clear();
     return consumed;

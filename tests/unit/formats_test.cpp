@@ -14,6 +14,7 @@
 #include "app/run.h"
 #include "data/block_sink.h"
 #include "export/record_output.h"
+#include "tests/support/log_capture.h"
 #include "utils/log.h"
 
 namespace {
@@ -91,12 +92,12 @@ TEST(FormatTable, UnknownCodeFailsTheRun) {
   const int unknown = static_cast<int>(nmb_output_formats().size());
   nmb::OutputBuffer out(-1);
   nmb_init_stderr_logger(NMB_LOG_ERROR);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_EQ(nmb_make_block_sink(unknown, nmb::ExportSettings{}, out), nullptr);
   nmb_read_options_t options;  // no input file: only the format can fail the run
   options.format = unknown;
   EXPECT_EQ(nmb_run(options), 1);
-  const std::string err = testing::internal::GetCapturedStderr();
+  const std::string err = nmb::test::captured_stderr();
   EXPECT_NE(err.find("Unknown output format " + std::to_string(unknown)), std::string::npos);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "utils/env.h"
 
@@ -21,9 +22,9 @@ class Logger : public testing::Test {
     nmb_logger_reset_for_tests();
   }
   std::string capture(uint32_t level, const char* text) {
-    testing::internal::CaptureStderr();
+    nmb::test::capture_stderr();
     nmb_log(level, "%s", text);
-    return nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+    return nmb::test::captured_log();
   }
 };
 
@@ -38,9 +39,9 @@ TEST_F(Logger, LevelWordsAndThreshold) {
 
 TEST_F(Logger, TimestampPrefixHasMilliseconds) {
   nmb_init_stderr_logger(6);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_log(NMB_LOG_INFO, "text %d", 1);
-  std::string line = testing::internal::GetCapturedStderr();
+  std::string line = nmb::test::captured_stderr();
   EXPECT_TRUE(nmb::test::starts_with_log_timestamp(line)) << line;
   EXPECT_EQ(nmb::test::strip_log_timestamps(line), "[info] text 1\n");
 }
@@ -69,9 +70,9 @@ TEST_F(Logger, DisabledDebugDoesNotEvaluateArguments) {
 
 TEST_F(Logger, ThreadSafetySwitch) {
   setenv("NMB_LOG_THREAD_SAFE", "no", 1);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_init_stderr_logger(7);
-  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string text = nmb::test::captured_log();
   EXPECT_NE(text.find("[debug] [logger] [_nmb_init_logger_mutex] Thread safety is disabled by "
                       "environment variable NMB_LOG_THREAD_SAFE\n"),
             std::string::npos);
@@ -79,9 +80,9 @@ TEST_F(Logger, ThreadSafetySwitch) {
                       "thread-safety\n"),
             std::string::npos);
   setenv("NMB_LOG_THREAD_SAFE", "", 1);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_init_stderr_logger(7);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(nmb::test::captured_stderr(), "");
 }
 
 TEST_F(Logger, RegisteredConfigurationCannotBeReinitialised) {
@@ -103,9 +104,9 @@ TEST_F(Logger, AdoptedConfigurationWithoutStreamOrLevelStillLogs) {
   nmb_logger_config_t config;
   config.level = NMB_LOG_LEVEL_UNSET;
   ASSERT_TRUE(nmb_adopt_logger_config(&config));
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_log(NMB_LOG_ERROR, "%s", "still here");
-  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string text = nmb::test::captured_log();
   EXPECT_NE(text.find("[error] still here\n"), std::string::npos) << text;
 }
 
@@ -115,9 +116,9 @@ TEST_F(Logger, UnsetLevelFromTheEnvironmentDoesNotRecurse) {
   nmb_logger_reset_for_tests();
   setenv("NMB_API_LOG_LEVEL", "-1", 1);
   setenv("NMB_LOG_THREAD_SAFE", "no", 1);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_log(NMB_LOG_DEBUG, "%s", "shown");
-  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string text = nmb::test::captured_log();
   EXPECT_NE(text.find("[debug] shown\n"), std::string::npos) << text;
 }
 
@@ -137,9 +138,9 @@ TEST_F(Logger, HexDumpOfTwentyBytes) {
   for (int i = 0; i < 20; ++i) bytes[i] = static_cast<unsigned char>(0x41 + i);
   bytes[3] = 0x00;
   bytes[17] = 0x7F;
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   nmb_log_hex_dump(bytes, sizeof bytes);
-  std::string text = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+  std::string text = nmb::test::captured_log();
   EXPECT_EQ(text,
             "[debug] 41 42 43 00 45 46 47 48  49 4A 4B 4C 4D 4E 4F 50  |  ABC.EFGHIJKLMNOP \n"
             "[debug] 51 7F 53 54                                       |  Q.ST \n");
@@ -162,16 +163,16 @@ TEST_F(Logger, GetenvPrefersThePrefixedNameAndWarns) {
   setenv("NMB_X_TEST", "1", 1);
   setenv("X_TEST", "2", 1);
   for (const char* name : {"X_TEST", "NMB_X_TEST"}) {
-    testing::internal::CaptureStderr();
+    nmb::test::capture_stderr();
     EXPECT_STREQ(nmb_getenv(name), "1");
-    EXPECT_EQ(nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr()),
+    EXPECT_EQ(nmb::test::captured_log(),
               "[warning] [nmb_getenv] Environment variables conflict - NMB_X_TEST=1 and "
               "X_TEST=2. Using NMB_X_TEST\n");
   }
   setenv("X_TEST", "1", 1);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_STREQ(nmb_getenv("X_TEST"), "1");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(nmb::test::captured_stderr(), "");
   unsetenv("NMB_X_TEST");
   EXPECT_STREQ(nmb_getenv("NMB_X_TEST"), "1") << "the plain name alone is found";
   unsetenv("X_TEST");

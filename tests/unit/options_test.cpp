@@ -1,4 +1,5 @@
 #include "app/options.h"
+#include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -28,10 +29,10 @@ Parsed parse(std::initializer_list<const char*> words) {
   for (auto& s : storage) argv.push_back(s.data());
   argv.push_back(nullptr);
   Parsed parsed;
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   parsed.ok = nmb_read_parse_options(static_cast<int>(storage.size()), argv.data(), parsed.options,
                                      parsed.exit_now);
-  parsed.err = testing::internal::GetCapturedStderr();
+  parsed.err = nmb::test::captured_stderr();
   return parsed;
 }
 

@@ -13,6 +13,7 @@
 #include "data/format.h"
 #include "data/reader.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/recording_sink.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
@@ -42,10 +43,8 @@ class PackedPages : public testing::Test {
  protected:
   void SetUp() override { nmb_init_stderr_logger(NMB_LOG_DEBUG); }
   void TearDown() override { nmb_logger_reset_for_tests(); }
-  void start() { testing::internal::CaptureStderr(); }
-  std::string logged() {
-    return nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
-  }
+  void start() { nmb::test::capture_stderr(); }
+  std::string logged() { return nmb::test::captured_log(); }
 };
 
 TEST_F(PackedPages, GzipAndSnappyRoundTrip) {

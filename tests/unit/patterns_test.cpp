@@ -1,4 +1,5 @@
 #include "filter/patterns.h"
+#include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -43,9 +44,9 @@ TEST(StringArray, SortedDuplicateRemoval) {
   nmb_string_array_t array{"a", "a", "b", "b", "b", "c"};
   EXPECT_TRUE(nmb_string_array_remove_duplicates(array, true));
   EXPECT_EQ(array, (nmb_string_array_t{"a", "b", "c"}));
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_FALSE(nmb_string_array_remove_duplicates(array, false));
-  testing::internal::GetCapturedStderr();
+  nmb::test::captured_stderr();
 }
 
 TEST(StringArray, ListFileSkipsCommentsAndBlankLines) {

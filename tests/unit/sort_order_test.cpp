@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "app/run.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/run_binary.h"
 #include "utils/log.h"
 
@@ -17,9 +18,9 @@ class SortOrder : public testing::Test {
   // The parsed keys, or nothing when parsing fails; what was logged goes to `log`.
   std::vector<int> parse(const char* text, bool* ok = nullptr) {
     nmb_sort_order_t order;
-    testing::internal::CaptureStderr();
+    nmb::test::capture_stderr();
     bool parsed = nmb_parse_sort_order(text, order);
-    log = nmb::test::strip_log_timestamps(testing::internal::GetCapturedStderr());
+    log = nmb::test::captured_log();
     if (ok != nullptr) *ok = parsed;
     if (!parsed) return {};
     return std::vector<int>(order.keys, order.keys + order.count);

@@ -7,6 +7,7 @@
 
 #include "data/schema_json.h"
 #include "tests/support/data_builder.h"
+#include "tests/support/log_capture.h"
 #include "utils/log.h"
 
 namespace {
@@ -17,9 +18,9 @@ using nmb::test::TempDir;
 template <typename Body>
 std::string logged(Body body) {
   uint32_t previous = nmb_set_log_level(NMB_LOG_DEBUG);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   body();
-  std::string text = testing::internal::GetCapturedStderr();
+  std::string text = nmb::test::captured_stderr();
   nmb_set_log_level(previous);
   return text;
 }

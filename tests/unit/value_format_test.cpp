@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "tests/support/log_capture.h"
 #include "utils/log.h"
 
 namespace {
@@ -40,9 +41,9 @@ TEST(ValueFormat, GuidSwitchFollowsEnvironment) {
   setenv("CONVERT_GUID_TO_HEX_STRING", "Yes", 1);
   EXPECT_TRUE(nmb_read_guid_conversion_switch());
   setenv("NMB_CONVERT_GUID_TO_HEX_STRING", "false", 1);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_FALSE(nmb_read_guid_conversion_switch()) << "the prefixed value wins";
-  testing::internal::GetCapturedStderr();
+  nmb::test::captured_stderr();
   unsetenv("NMB_CONVERT_GUID_TO_HEX_STRING");
   unsetenv("CONVERT_GUID_TO_HEX_STRING");
 }
@@ -57,10 +58,10 @@ TEST(ValueFormat, SixtyFourBitFormats) {
   EXPECT_EQ(nmb_format_int64_string(INT64_MIN, 0), "-9223372036854775808");
 
   nmb_set_log_level(NMB_LOG_WARNING);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_EQ(nmb_format_uint64_string(7, 3), "7");
   EXPECT_EQ(nmb_format_int64_string(-7, 3), "-7");
-  std::string log = testing::internal::GetCapturedStderr();
+  std::string log = nmb::test::captured_stderr();
   EXPECT_NE(log.find("UUID format is only supported for 128-bit types, using DECIMAL for uint64"),
             std::string::npos);
   EXPECT_NE(log.find("using DECIMAL for int64"), std::string::npos);
@@ -72,9 +73,9 @@ TEST(ValueFormat, Fp64Formats) {
   EXPECT_EQ(nmb_format_fp64_string(4, -0.0), "0b1" + std::string(63, '0'));
   EXPECT_EQ(nmb_format_fp64_string(1, 1e300).size(), 31u) << "32-byte buffer";
   nmb_set_log_level(NMB_LOG_WARNING);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_EQ(nmb_format_fp64_string(3, 2.0), "2.000000");
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+  EXPECT_NE(nmb::test::captured_stderr().find(
                 "UUID format is not supported for FP64 types, using DECIMAL"),
             std::string::npos);
 }
@@ -88,9 +89,9 @@ TEST(ValueFormat, OneHundredTwentyEightBitFormats) {
   EXPECT_EQ(binary.size(), 130u);
   EXPECT_EQ(binary.substr(0, 18), "0b0000000000010001");
   nmb_set_log_level(NMB_LOG_WARNING);
-  testing::internal::CaptureStderr();
+  nmb::test::capture_stderr();
   EXPECT_EQ(nmb_format_int128_string(bytes, 1), "00112233445566778899aabbccddeeff");
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+  EXPECT_NE(nmb::test::captured_stderr().find(
                 "Decimal format not fully supported for 128-bit types, using hex representation"),
             std::string::npos);
   EXPECT_EQ(nmb_format_uint128_string(nullptr, 2), "");
