@@ -4,6 +4,7 @@
 // without a name) and
 // written out when every file before it has been, so both streams carry
 // what a run over one file at a time writes.
+// Stage: driver.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // The output formats of -f: one table, one row per format. Option parsing,
 // the help text and the choice of block sink all read it; adding a format is
 // adding its row (and its sink in export/).
+// Stage: driver.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,6 @@
 // nmb_read: exports Nimbrel binary data files as JSON, text or new data files.
+// Stage: driver.
+
 #include <clocale>
 #include <cstdio>
 #include <cstring>

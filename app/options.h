@@ -1,5 +1,6 @@
 // The command line: the options record, its parsing and completion, and the
 // help and version texts.
+// Stage: driver.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 // rate and the time elapsed, four times a second, and is erased when the run
 // ends. Logs, tests and pipelines, whose standard error is no terminal, never
 // see it; NMB_NO_PROGRESS=1 turns it off.
+// Stage: driver.
 #pragma once
 
 #include <atomic>

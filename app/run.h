@@ -1,4 +1,5 @@
 // The run over all input files, in the given or the sorted order.
+// Stage: driver.
 #pragma once
 
 #include <cstddef>

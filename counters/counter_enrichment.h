@@ -1,6 +1,7 @@
 // Counters with metadata (-M): what stands for a counter in its set's array
 // (its shown name and its entry's "indexes" and "labels" objects), compiled
 // once per counter from the metadata, each entry's objects rendered once.
+// Stage: plan.
 #pragma once
 
 #include <memory>

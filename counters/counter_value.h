@@ -1,6 +1,7 @@
 // How one counter value is written as JSON: decided from the counter's type,
 // string format and name when its schema is compiled, then written straight
 // into the output text with no formatting buffer in between.
+// Stage: plan.
 #pragma once
 
 #include <cstdint>

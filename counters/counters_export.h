@@ -2,6 +2,7 @@
 // plan (counters/counters_plan.h) and the JSON text between its values
 // (counters/counters_json_text.h), so a block is written in one pass over its
 // counters, with no key search and no allocation per value.
+// Stage: writer.
 #pragma once
 
 #include <memory>

@@ -2,6 +2,7 @@
 // once per plan and form (compact, pretty) from what the JSON writer writes
 // for the block's shape, so that the one-pass block writer copies pieces of
 // that writer's own text.
+// Stage: plan.
 #pragma once
 
 #include <cstddef>

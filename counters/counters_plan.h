@@ -2,6 +2,7 @@
 // its quoted granularity and name, a renderer per counter, the members an
 // object of repeated names keeps, and with metadata (-M) each counter's
 // enriched form. Output-neutral: the JSON text is recorded apart.
+// Stage: plan.
 #pragma once
 
 #include <cstdint>

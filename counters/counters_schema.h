@@ -1,6 +1,7 @@
 // Counters schemas: the ordered groups of counters that give the flat value
 // area of a counters block its meaning. Offsets are computed at load time from
 // the order and sizes of the counters.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

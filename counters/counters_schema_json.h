@@ -1,6 +1,7 @@
 // Decoding a counters schema from an already parsed document (for readers of
 // documents that embed one, such as the type-system document). Includes the
 // JSON library: include only where documents are read.
+// Stage: model.
 #pragma once
 
 #include <memory>

@@ -1,6 +1,7 @@
 // Counters blocks as aligned text tables (-f txt, and plain counters blocks
 // under -f bin). Values are taken by position: value k of a counter set is
 // the k-th 8-byte word of the value area.
+// Stage: writer.
 #pragma once
 
 #include <cstdint>

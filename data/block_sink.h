@@ -2,6 +2,7 @@
 // chunks, packed pages, sub-blocks) and knows no output format; the sink,
 // chosen once per run from the output format, decides what becomes of each
 // block. Blocks are views into the reader's buffers (see data/bytes.h).
+// Stage: writer.
 #pragma once
 
 #include <cstddef>

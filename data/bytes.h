@@ -7,6 +7,7 @@
 // chunk left in the chunk buffer), and only the part of a read past the end of
 // the buffer itself reads zeros. A view made from a plain span has no bytes
 // beyond it.
+// Stage: model.
 #pragma once
 
 #include <bit>

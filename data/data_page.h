@@ -1,6 +1,7 @@
 // Data pages as the data file writer takes them: a 720-byte page header
 // (version, sizes, time span, counters schema id, source id and tag) followed
 // by the page's blocks, in one buffer.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

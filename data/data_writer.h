@@ -2,6 +2,7 @@
 // under the output folder, one series of files per (source id, source tag),
 // starting a new file when the time span, the file size or the data layout
 // (block size, schema ids) changes.
+// Stage: writer.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Events blocks: a 16-byte header naming the record type (schema and type
 // index), the timestamp and the number of records, then the records back to
 // back, each as large as its type.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

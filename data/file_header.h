@@ -2,6 +2,7 @@
 // sinks and the -S sort read of it. Decoding never fails (every field is
 // taken as it stands); nmb_check_file_header (data/format.h) decides whether
 // the file can be read.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The on-disk layout of data files: the 256-byte file header, the block
 // kinds and their headers, and the version rule (export/header_print prints
 // them for -p).
+// Stage: model.
 #pragma once
 
 #include <cstddef>

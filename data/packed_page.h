@@ -9,6 +9,7 @@
 //   14 last timestamp (u64)
 //   22 source id as a length-prefixed string (at most 64 bytes)
 //   .. source tag as a length-prefixed string (at most 16 bytes)
+// Stage: model.
 #pragma once
 
 #include <cstddef>

@@ -2,6 +2,7 @@
 // "{{source}}", "{{hash16}}", ...) are filled from the page being written.
 // Values from the data are made safe before they are put in, so that no path
 // leaves the output folder whatever the bytes.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

@@ -8,6 +8,7 @@
 // calling thread reaches that item, so standard output and standard error
 // carry what a walk on one thread writes, also when a page or the file
 // fails part way (what was read ahead past a failure is dropped unseen).
+// Stage: driver.
 #pragma once
 
 #include "data/reader.h"

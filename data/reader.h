@@ -1,6 +1,7 @@
 // The reader of one data file: opens it (plain or gzip-compressed), checks the
 // header, loads the schemas it names and walks it chunk by chunk, handing each
 // block to the block sink. It knows no output format.
+// Stage: driver.
 #pragma once
 
 #include <cstddef>

@@ -2,6 +2,7 @@
 // checks and the field set hooks) and writing them in the pretty form that
 // also feeds their MD5 digests. Include only where documents are handled:
 // it pulls in the JSON input library.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

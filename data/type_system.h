@@ -2,6 +2,7 @@
 // schemas named by the file (each a versioned list of record types made of
 // named fields) and the counters schema: plain models, immutable once loaded.
 // Loading schema documents is in data/schema_json.h.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

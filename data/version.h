@@ -1,4 +1,5 @@
 // Packed version numbers of schemas: major, minor and patch in one value.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

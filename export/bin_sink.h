@@ -2,6 +2,7 @@
 // output folder by the data file writer; blocks of plain chunks print as
 // under -f txt, except event records, which no binary output takes, and
 // metrics blocks, which are refused.
+// Stage: writer.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,5 @@
 // -f csv: every record is reported as not supported.
+// Stage: writer.
 #pragma once
 
 #include "export/record_sink.h"

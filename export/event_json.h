@@ -1,5 +1,6 @@
 // One event record as a JSON object: the record's members through its plan,
 // then "header_timestamp" and "@header_timestamp".
+// Stage: writer.
 #pragma once
 
 #include <cstddef>

@@ -2,6 +2,7 @@
 // compiled once per loaded type system by the sinks that write JSON: the key
 // text of every member in the compact and the pretty form, the keys of the
 // two added members, and the room an object's own text takes.
+// Stage: plan.
 #pragma once
 
 #include <cstdint>

@@ -5,6 +5,7 @@
 // by -i/-e. Plans are compiled by the output side for each loaded type
 // system; a format compiles what it needs beyond them (event_json_layout.h)
 // once per plan, and exporting a record is then one pass over its plan.
+// Stage: plan.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,6 @@
 // The -p prints of the file header and of block headers, and the field
 // tables of their layouts (for documentation), to standard output.
+// Stage: writer.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The text rules of Influx lines as InfluxDB 1.x reads them, and the rule
 // that sorts an event type into one of the four measurements. See
 // docs/INFLUX.md for the whole mapping of records to points.
+// Stage: writer.
 #pragma once
 
 #include <string>

@@ -6,6 +6,7 @@
 // Everything a record needs that does not depend on its bytes (measurement,
 // escaped keys, which member is a tag) is compiled per type on its first
 // record; a record is then one pass with no allocation.
+// Stage: writer.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // -f influx: event records as Influx lines through the Influx serializer;
 // counters and metrics blocks are reported as not supported. Records that
 // leave no field are not written, and are counted and logged once per file.
+// Stage: writer.
 #pragma once
 
 #include <cstdint>

@@ -2,6 +2,7 @@
 // record. json writes one document for the whole run,
 // {"<file base name>":[record,\n record, ...], ...}, records pretty-printed;
 // ndjson writes each record compact on a line of its own.
+// Stage: writer.
 #pragma once
 
 #include <memory>

@@ -1,6 +1,7 @@
 // What every exporter writes through: the export settings, the file being
 // exported (named in per-file reports), the count of records written for it
 // (which drives the json ",\n" separator) and the output buffer.
+// Stage: writer.
 #pragma once
 
 #include <cstdint>

@@ -8,6 +8,7 @@
 // To add an output format, derive from RecordSink, implement the hooks (and
 // the run and file framing the format needs), and add its row to the format
 // table in app/.
+// Stage: writer.
 #pragma once
 
 #include <cstddef>

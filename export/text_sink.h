@@ -1,5 +1,6 @@
 // -f txt: counters blocks as aligned text tables; event records are reported
 // as not supported in text.
+// Stage: writer.
 #pragma once
 
 #include "export/record_sink.h"

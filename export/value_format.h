@@ -1,6 +1,7 @@
 // Value formatters shared by the event and counters exporters: GUID name
 // tests and hex text, 64-bit, 128-bit and FP64 values in a string format, and
 // timestamps in local time.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

@@ -5,6 +5,7 @@
 // A token line is "caption=terms" or "terms"; the terms are those of the
 // term language (filter/terms.h). Lines are ORed: a counter is kept when
 // some line's terms match its name, and the first such line gives its caption.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

@@ -9,6 +9,7 @@
 //
 // A token is a term string of the term language (filter/terms.h); tokens are
 // ORed, and the kept fields of a type are numbered in field order.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

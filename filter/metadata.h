@@ -10,6 +10,7 @@
 // its pieces (views into the loaded document) and a hash of the whole text,
 // and loading stays linear in the size of the file, however long a pattern
 // and however many its matches.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

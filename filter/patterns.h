@@ -1,4 +1,5 @@
 // Testing a name against a list of patterns in one of four match modes.
+// Stage: model.
 #pragma once
 
 #include "utils/string_array.h"

@@ -1,6 +1,7 @@
 // The counter set the reader holds while it loads a counters schema (-C):
 // the token lines of a counter set file, each parsed once, and the file's
 // meta fields. The counters schema loader asks it about every counter.
+// Stage: model.
 #pragma once
 
 #include <memory>

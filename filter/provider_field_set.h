@@ -1,6 +1,7 @@
 // The field set the reader holds while it loads event schemas (-F). The
 // event schema loader asks it whether a type is of interest and whether each
 // field of such a type is kept.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

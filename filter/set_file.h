@@ -1,6 +1,7 @@
 // What counter set and field set files share: reading the file, cutting it
 // into lines, trimming, and the meta field lines ("meta_field_alias:key=value"
 // and "meta_field_add:key=value").
+// Stage: model.
 #pragma once
 
 #include <cstddef>

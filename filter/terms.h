@@ -3,6 +3,7 @@
 // matches when it holds every inclusive term and no exclusive one. Terms are
 // found ASCII case-insensitively, by their first occurrence, with "^" and "$"
 // anchoring them at the start and end of the name.
+// Stage: model.
 #pragma once
 
 #include <cstddef>

@@ -9,6 +9,7 @@
 //   3  the values: 'L' one id byte each; 'I' a length byte and the text;
 //      'M' a sub-type byte 'L' or 'I', then the id or the length and text
 // There is no trailer: the batch ends where the last value ends.
+// Stage: model.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,7 @@
 // "labels" is left out for a batch whose label set has no names section, and
 // "@timestamp" when the timestamp cannot be formatted. A block without
 // batches is {}.
+// Stage: writer.
 #pragma once
 
 #include <string>

@@ -16,6 +16,7 @@
 // Sections are found by searching for their tags, never by walking lengths.
 // Every read stays inside the payload: strings, samples and labels that run
 // past its end fail the block.
+// Stage: model.
 #pragma once
 
 #include <boost/any.hpp>

@@ -1,6 +1,7 @@
 // Decimal digits of integers written straight into a buffer: the text
 // std::to_chars gives, two digits at a time from a table, in 32-bit steps
 // once the value fits in 32 bits.
+// Stage: base.
 #pragma once
 
 #include <bit>

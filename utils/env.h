@@ -1,4 +1,5 @@
 // Environment settings, each looked up with and without the "NMB_" prefix.
+// Stage: base.
 #pragma once
 
 #include <string_view>

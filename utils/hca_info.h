@@ -2,6 +2,7 @@
 // its node, system image and port GUIDs; its digest and JSON text, filling it
 // from the InfiniBand class directory, and the host name of a client
 // identifier.
+// Stage: base.
 #pragma once
 
 #include <cstddef>

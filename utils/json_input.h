@@ -1,6 +1,7 @@
 // Reading JSON input documents (schemas, filter and metadata files) and
 // matching them against literal templates. Include only where documents are
 // read: the JSON library header is heavy.
+// Stage: base.
 #pragma once
 
 #include <cstdint>

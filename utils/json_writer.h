@@ -6,6 +6,7 @@
 // are refused); strings end at their first zero byte; string values must be
 // valid UTF-8 (keys are not checked); '/' is not escaped; control bytes are
 // escaped with the short forms or \u00xx.
+// Stage: base.
 #pragma once
 
 #include <charconv>

@@ -1,5 +1,6 @@
 // The process-wide logger: timestamped, level-worded lines on standard error
 // by default, or a file, the system log or an embedder's callback.
+// Stage: base.
 #pragma once
 
 #include <cstdarg>

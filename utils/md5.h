@@ -1,4 +1,5 @@
 // MD5 digests (schema ids, the adapter table digest).
+// Stage: base.
 #pragma once
 
 #include <cstddef>

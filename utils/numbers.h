@@ -1,4 +1,5 @@
 // Whole-string number parsing in any C base notation (decimal, 0x hex, 0 octal).
+// Stage: base.
 #pragma once
 
 #include <cstdint>

@@ -5,6 +5,7 @@
 // With -j, a file processed on a worker thread writes into buffers of its
 // own (a capture) that hold up to a cap in memory and move the rest to an
 // unlinked temporary file; the run then hands them on in file order.
+// Stage: base.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,6 @@
 // The per-file failure report: "Failed processing file <path>: <message>\n"
 // written straight to standard error (not through the logger) and flushed.
+// Stage: base.
 #pragma once
 
 #include <cstdarg>

@@ -1,6 +1,7 @@
 // Sums and products of text sizes computed from untrusted schemas: they stop
 // at kSaturated (2^62), far above any bound they are compared with, instead
 // of wrapping around.
+// Stage: base.
 #pragma once
 
 #include <cstdint>

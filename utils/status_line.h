@@ -2,6 +2,7 @@
 // people watching a long run. Everything else that writes to standard error
 // holds a StderrWrite while it writes, so the line is erased first and never
 // mixes with a log line; the next update draws it again.
+// Stage: base.
 #pragma once
 
 #include <string_view>

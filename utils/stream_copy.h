@@ -2,6 +2,7 @@
 // later turn) with non-temporal stores: the bytes go to memory without
 // evicting what the writer works on from the cache, and without reading the
 // destination first.
+// Stage: base.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,5 @@
 // An ordered list of owned strings: input files, patterns, tokens, names.
+// Stage: base.
 #pragma once
 
 #include <cstdint>

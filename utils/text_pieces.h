@@ -4,6 +4,7 @@
 // for byte. The recorded text ends in kPiecePadding readable bytes, so that a
 // short piece is copied in one fixed-size move; every room a piece is copied
 // into keeps as many bytes spare after the end of its text.
+// Stage: base.
 #pragma once
 
 #include <cstddef>
