@@ -263,19 +263,6 @@ TEST_F(CountersExport, ValuesPastTheBlockReadAsZeros) {
                                          *nmb_counters_plan_create(*schema), false, false));
 }
 
-TEST_F(CountersExport, TextTableOfTwoCounters) {
-  CounterGroup g("g");
-  g.add(nmb::test::make_counter("first", "UINT64")).add(nmb::test::make_counter("second", "BIT64"));
-  auto schema = load(CountersSchema().group(g));
-  std::string out;
-  nmb_print_counter_group_text(out, schema->groups[0],
-                               nmb::ByteView(Bytes().u64(42).u64(0xbeef).vec()));
-  const std::string rule = std::string(54, '-') + "\n";
-  EXPECT_EQ(out, rule + "| Counter values per NODE                            |\n" + rule +
-                     "| NODE |                first |               second |\n" + rule +
-                     "|    0 |                   42 |   0x000000000000beef |\n" + rule);
-}
-
 TEST_F(CountersExport, TextTableWithoutCounterSets) {
   CounterGroup g("g");
   g.granularity = "PACKAGE";
