@@ -6,13 +6,10 @@
 #include <limits>
 #include <string>
 
+#include "app/formats.h"
 #include "app/options.h"
 #include "data/schema_json.h"
 #include "data/type_system.h"
-#include "export/csv_sink.h"
-#include "export/influx_sink.h"
-#include "export/json_sink.h"
-#include "export/text_sink.h"
 #include "export/value_format.h"
 #include "tests/support/data_builder.h"
 #include "tests/support/log_capture.h"
@@ -50,27 +47,14 @@ class Exporter {
   bool loaded() const { return loaded_; }
   nmb::ExportSettings& settings() { return settings_; }
   nmb_string_array_t& exclude() { return exclude_; }
+  // The format's sink, as the format table makes it.
   nmb::RecordSink& sink() {
     if (!sink_) {
-      nmb::OutputBuffer& out = nmb::stdout_buffer();
-      switch (format_) {
-        case NMB_FORMAT_JSON:
-        case NMB_FORMAT_NDJSON:
-          sink_ = std::make_unique<nmb::JsonSink>(settings_, out, format_ == NMB_FORMAT_JSON);
-          break;
-        case NMB_FORMAT_INFLUX:
-          sink_ = std::make_unique<nmb::InfluxSink>(settings_, out);
-          break;
-        case NMB_FORMAT_CSV:
-          sink_ = std::make_unique<nmb::CsvSink>(settings_, out);
-          break;
-        default:
-          sink_ = std::make_unique<nmb::TextSink>(settings_, out);
-      }
+      sink_ = nmb_output_format(format_)->make_sink(settings_, nmb::stdout_buffer());
       sink_->file_opened("events.bin");
       sink_->schemas_loaded(ts_.get());
     }
-    return *sink_;
+    return dynamic_cast<nmb::RecordSink&>(*sink_);
   }
   uint32_t records_written() { return sink().output().records_written(); }
 
@@ -96,7 +80,7 @@ class Exporter {
   nmb_string_array_t include_, exclude_;
   nmb::ExportSettings settings_;
   std::unique_ptr<nmb_type_system_t> ts_;
-  std::unique_ptr<nmb::RecordSink> sink_;
+  std::unique_ptr<nmb::BlockSink> sink_;
   bool loaded_ = false;
   std::string out_, err_;
 };
