@@ -77,61 +77,6 @@ std::string take_stdout() {
   return text;
 }
 
-TEST(HeaderPrints, FileHeader) {
-  take_stdout();
-  Header h = valid_header(1, 7, 3);
-  nmb_store_u64(h.data() + NMB_FH_FILE_SIZE, 4352);
-  // A source id filling all 64 bytes is printed without running into the tag.
-  std::memset(h.data() + NMB_FH_SOURCE_ID, 'a', 64);
-  std::memcpy(h.data() + NMB_FH_SOURCE_TAG, "tag", 3);
-  nmb_store_u64(h.data() + NMB_FH_FIRST_TIMESTAMP, 1700000000000000);
-  nmb_store_u64(h.data() + NMB_FH_LAST_TIMESTAMP, 18446744073709551615u);
-  nmb_store_u32(h.data() + NMB_FH_BLOCK_SIZE, 4096);
-  h[NMB_FH_COUNTERS_SCHEMA_ID] = 0xAB;
-  h[NMB_FH_EVENT_SCHEMA_IDS + 16 + 15] = 0x01;
-  h[NMB_FH_BYTE_ORDER] = 2;
-  nmb_print_file_header(nmb_file_header_decode(h));
-  const std::string zero(32, '0');
-  EXPECT_EQ(take_stdout(),
-            "Data file header\n"
-            " magic number         = NMBF\n"
-            " version              = 1.7.3\n"
-            " file size            = 4352\n"
-            " source id            = " +
-                std::string(64, 'a') +
-                "\n"
-                " source tag           = tag\n"
-                " first timestamp      = 1700000000000000\n"
-                " last timestamp       = 18446744073709551615\n"
-                " data block size      = 4096\n"
-                " counters schema id   = ab" +
-                std::string(30, '0') +
-                "\n"
-                " schema id[0]         = " +
-                zero +
-                "\n"
-                " schema id[1]         = " +
-                std::string(30, '0') +
-                "01\n"
-                " schema id[2]         = " +
-                zero +
-                "\n"
-                " schema id[3]         = " +
-                zero +
-                "\n"
-                " schema id[4]         = " +
-                zero +
-                "\n"
-                " schema id[5]         = " +
-                zero +
-                "\n"
-                " schema id[6]         = " +
-                zero +
-                "\n"
-                " byte order           = 2 (BE)\n"
-                " end magic number     = nmbf\n");
-}
-
 TEST(HeaderPrints, BlockHeaders) {
   take_stdout();
   uint8_t block[32] = {'N', 'M', 'B', 'D'};
