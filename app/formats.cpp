@@ -31,14 +31,14 @@ std::unique_ptr<nmb::BlockSink> make_bin_sink(const nmb::ExportSettings& setting
   return std::make_unique<nmb::BinSink>(settings, out, std::move(writer), NMB_FORMAT_BIN);
 }
 
-// code, name, sink, streaming, in help
+// code, name, sink, streaming, in help, writes files, one sink per run
 constexpr nmb_output_format_entry_t kFormats[] = {
-    {NMB_FORMAT_JSON, "json", make<nmb::JsonSink, true>, false, true},
-    {NMB_FORMAT_NDJSON, "ndjson", make<nmb::JsonSink, false>, true, true},
-    {NMB_FORMAT_TXT, "txt", make<nmb::TextSink>, true, true},
-    {NMB_FORMAT_CSV, "csv", make<nmb::CsvSink>, true, true},
-    {NMB_FORMAT_INFLUX, "influx", make<nmb::InfluxSink>, true, true},
-    {NMB_FORMAT_BIN, "bin", make_bin_sink, false, true},
+    {NMB_FORMAT_JSON, "json", make<nmb::JsonSink, true>, false, true, false, false},
+    {NMB_FORMAT_NDJSON, "ndjson", make<nmb::JsonSink, false>, true, true, false, false},
+    {NMB_FORMAT_TXT, "txt", make<nmb::TextSink>, true, true, false, false},
+    {NMB_FORMAT_CSV, "csv", make<nmb::CsvSink>, true, true, false, false},
+    {NMB_FORMAT_INFLUX, "influx", make<nmb::InfluxSink>, true, true, false, false},
+    {NMB_FORMAT_BIN, "bin", make_bin_sink, false, true, true, true},
 };
 
 constexpr bool codes_are_row_indexes() {
@@ -58,6 +58,16 @@ std::span<const nmb_output_format_entry_t> nmb_output_formats() {
 const nmb_output_format_entry_t* nmb_output_format(int code) {
   const bool known = code >= 0 && static_cast<size_t>(code) < std::size(kFormats);
   return known ? &kFormats[code] : nullptr;
+}
+
+bool nmb_output_format_writes_files(int code) {
+  const nmb_output_format_entry_t* format = nmb_output_format(code);
+  return format != nullptr && format->writes_files;
+}
+
+bool nmb_output_format_one_sink_per_run(int code) {
+  const nmb_output_format_entry_t* format = nmb_output_format(code);
+  return format != nullptr && format->one_sink_per_run;
 }
 
 int nmb_output_format_from_name(const char* name) {

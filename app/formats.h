@@ -33,12 +33,22 @@ struct nmb_output_format_entry_t {
   // (json closes its document; bin finishes data files).
   bool streaming;
   bool in_help;  // named in the -f line of the help text
+  // Writes into the -o folder, which must exist.
+  bool writes_files;
+  // One sink holds state across the files of a run (bin appends pages of
+  // many input files to the same output files): files run one at a time
+  // whatever -j says.
+  bool one_sink_per_run;
 };
 
 // Every format, in code order.
 std::span<const nmb_output_format_entry_t> nmb_output_formats();
 // The row of `code`; nullptr for an unknown code.
 const nmb_output_format_entry_t* nmb_output_format(int code);
+
+// The row's writes_files / one_sink_per_run; false for an unknown code.
+bool nmb_output_format_writes_files(int code);
+bool nmb_output_format_one_sink_per_run(int code);
 
 // -1 for an unknown name.
 int nmb_output_format_from_name(const char* name);

@@ -248,7 +248,7 @@ bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, 
     }
     options.schema_path = found;
   }
-  if (options.format == NMB_FORMAT_BIN && !path_exists(options.output_dir)) {
+  if (nmb_output_format_writes_files(options.format) && !path_exists(options.output_dir)) {
     std::fprintf(stderr, "Output folder '%s' does not exits\n", options.output_dir.c_str());
     return false;
   }

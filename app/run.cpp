@@ -154,11 +154,11 @@ bool sort_files(const nmb_read_options_t& options, std::vector<std::string>& pat
 }
 
 // Files run one at a time when parallel files could not write what one at a
-// time writes: -f bin appends pages of many input files to the same output
-// files, and two GUID switch variables that disagree are warned about once,
-// by the first file that needs the switch.
+// time writes: a format whose one sink holds state across files, and two
+// GUID switch variables that disagree are warned about once, by the first
+// file that needs the switch.
 uint32_t jobs_for(const nmb_read_options_t& options) {
-  if (options.format == NMB_FORMAT_BIN) return 1;
+  if (nmb_output_format_one_sink_per_run(options.format)) return 1;
   const char* prefixed = std::getenv("NMB_CONVERT_GUID_TO_HEX_STRING");
   const char* plain = std::getenv("CONVERT_GUID_TO_HEX_STRING");
   if (prefixed != nullptr && plain != nullptr && std::strcmp(prefixed, plain) != 0) return 1;
