@@ -9,6 +9,7 @@
 #include "export/csv_sink.h"
 #include "export/influx_sink.h"
 #include "export/json_sink.h"
+#include "export/openmetrics_sink.h"
 #include "export/text_sink.h"
 #include "utils/env.h"
 
@@ -39,6 +40,7 @@ constexpr nmb_output_format_entry_t kFormats[] = {
     {NMB_FORMAT_CSV, "csv", make<nmb::CsvSink>, true, true, false, false},
     {NMB_FORMAT_INFLUX, "influx", make<nmb::InfluxSink>, true, true, false, false},
     {NMB_FORMAT_BIN, "bin", make_bin_sink, false, true, true, true},
+    {NMB_FORMAT_OPENMETRICS, "openmetrics", make<nmb::OpenMetricsSink>, false, false, false, true},
 };
 
 constexpr bool codes_are_row_indexes() {

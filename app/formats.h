@@ -21,6 +21,7 @@ enum nmb_output_format_t : int {
   NMB_FORMAT_CSV = 3,
   NMB_FORMAT_INFLUX = 4,
   NMB_FORMAT_BIN = 5,
+  NMB_FORMAT_OPENMETRICS = 6,
 };
 
 struct nmb_output_format_entry_t {

@@ -63,6 +63,7 @@ nmb_field_plan_t plan_field(const nmb_type_field_definition_t& field, const Plan
   plan.stride = field.type_size;
   plan.count = field.array_length;
   plan.index = field.index;
+  plan.definition = &field;
   const nmb_type_definition_t* type = field.type;
   if (type == nullptr || type->type_code == NMB_TYPE_USER) {
     plan.kind = Kind::kNested;
@@ -337,4 +338,11 @@ void nmb_event_plans_compile(const nmb_type_system_t& ts, const nmb_string_array
 bool nmb_event_guid_conversion_on() {
   static const bool on = nmb_read_guid_conversion_switch();
   return on;
+}
+
+bool nmb_field_plan_is_tag(const nmb_field_plan_t& field, bool guid_hex) {
+  if (field.guid_like && guid_hex) return field.index != 0;
+  if (field.shape == nmb_value_shape_t::kCharString) return true;
+  return field.index != 0 && field.shape == nmb_value_shape_t::kScalar &&
+         field.kind != nmb_value_kind_t::kNested;
 }

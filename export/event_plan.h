@@ -17,6 +17,7 @@
 #include "utils/string_array.h"
 
 struct nmb_type_definition_t;
+struct nmb_type_field_definition_t;
 struct nmb_type_system_t;
 
 // How one element is read and written.
@@ -56,7 +57,15 @@ struct nmb_field_plan_t {
   bool guid_like = false;
   uint16_t index = 0;  // the field's position in the type's key (0: not a key field)
   const nmb_event_plan_t* nested = nullptr;
+  // The field's definition in the loaded type system (its type, counting
+  // mode and description).
+  const nmb_type_field_definition_t* definition = nullptr;
 };
+
+// Whether a top-level member is a tag of the record (a label of its series)
+// rather than a value: char strings always, and the type's key (index)
+// fields that hold one value (a GUID-like one while the GUID switch is on).
+bool nmb_field_plan_is_tag(const nmb_field_plan_t& field, bool guid_hex);
 
 struct nmb_event_plan_t {
   const nmb_type_definition_t* type = nullptr;

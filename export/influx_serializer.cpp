@@ -11,6 +11,7 @@
 #include "export/event_plan.h"
 #include "export/influx_line.h"
 #include "export/value_format.h"
+#include "utils/record_seq.h"
 
 namespace nmb::data {
 
@@ -33,66 +34,6 @@ constexpr std::string_view kEventTypeKey = "event_type";
 constexpr std::string_view kSeqKey = "seq";
 constexpr std::string_view kSourceIdKey = "source_id";
 constexpr std::string_view kSourceTagKey = "source_tag";
-
-// Counts the records of one type at one header time by their tag sets, so
-// that the n-th record with the same tags gets seq=n and no two records
-// become one point. The count starts again when the time changes. Tag sets
-// are told apart by a 64-bit hash of their text: two sets with the same hash
-// only get different seq numbers, which loses nothing.
-class SeqCounter {
- public:
-  uint32_t next(uint64_t time, uint64_t hash) {
-    if (!started_ || time != time_) {
-      for (uint32_t i : used_) slots_[i].used = false;
-      used_.clear();
-      time_ = time;
-      started_ = true;
-    }
-    if ((used_.size() + 1) * 2 > slots_.size()) grow();
-    Slot& slot = find(hash);
-    if (!slot.used) {
-      slot = {hash, 0, true};
-      used_.push_back(static_cast<uint32_t>(&slot - slots_.data()));
-    }
-    return slot.count++;
-  }
-
- private:
-  struct Slot {
-    uint64_t hash = 0;
-    uint32_t count = 0;
-    bool used = false;
-  };
-
-  Slot& find(uint64_t hash) {
-    const size_t mask = slots_.size() - 1;
-    size_t i = hash & mask;
-    while (slots_[i].used && slots_[i].hash != hash) i = (i + 1) & mask;
-    return slots_[i];
-  }
-  void grow() {
-    std::vector<Slot> old(std::max<size_t>(16, slots_.size() * 2));
-    old.swap(slots_);
-    used_.clear();
-    for (const Slot& slot : old) {
-      if (!slot.used) continue;
-      Slot& moved = find(slot.hash);
-      moved = slot;
-      used_.push_back(static_cast<uint32_t>(&moved - slots_.data()));
-    }
-  }
-
-  std::vector<Slot> slots_;  // open addressing, a power of two
-  std::vector<uint32_t> used_;
-  uint64_t time_ = 0;
-  bool started_ = false;
-};
-
-uint64_t fnv1a(std::string_view text) {
-  uint64_t h = 14695981039346656037u;
-  for (char c : text) h = (h ^ static_cast<uint8_t>(c)) * 1099511628211u;
-  return h;
-}
 
 enum class TagSource : uint8_t { kEventType, kSourceId, kSourceTag, kField };
 
@@ -249,7 +190,7 @@ struct InfluxSerializer::TypeLines {
   std::string measurement;
   std::vector<Tag> tags;  // sorted by key
   Members fields;         // the members that are not tags, under their own keys
-  SeqCounter seq;
+  nmb::RecordSeq seq;
 };
 
 InfluxSerializer::InfluxSerializer() = default;
@@ -288,14 +229,6 @@ const InfluxSerializer::Members& InfluxSerializer::members_of(const nmb_event_pl
 }
 
 namespace {
-
-// Whether a top-level member is written as a tag: char strings always, and
-// the type's key (index) fields that hold one value.
-bool is_tag(const nmb_field_plan_t& field, bool guid_hex) {
-  if (field.guid_like && guid_hex) return field.index != 0;
-  if (field.shape == Shape::kCharString) return true;
-  return field.index != 0 && field.shape == Shape::kScalar && field.kind != Kind::kNested;
-}
 
 // The names that no top-level member may keep: what the server reserves, an
 // empty name, and the tags every line has.
@@ -339,7 +272,7 @@ InfluxSerializer::TypeLines& InfluxSerializer::lines_of(const nmb_event_plan_t& 
       }
       std::string key;
       nmb_influx_append_key(key, name);
-      if (is_tag(field, guid_hex)) {
+      if (nmb_field_plan_is_tag(field, guid_hex)) {
         lines.tags.push_back({"," + key + "=", TagSource::kField, {}, &field});
       } else {
         const Members* nested = field.kind == Kind::kNested && field.nested != nullptr
@@ -394,7 +327,7 @@ bool InfluxSerializer::serialize(const nmb_event_plan_t& plan, ByteView record,
     }
     if (out.size() == value_start) out.resize(tag_mark);  // no empty tag values
   }
-  const uint64_t tags_hash = fnv1a(std::string_view(out).substr(tags_start));
+  const uint64_t tags_hash = nmb::fnv1a(std::string_view(out).substr(tags_start));
   char number[32];
   auto r =
       std::to_chars(number, number + sizeof number, lines.seq.next(header_timestamp, tags_hash));

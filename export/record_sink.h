@@ -42,6 +42,7 @@ class RecordSink : public BlockSink {
 
   RecordOutput& output() { return output_; }
   const nmb_type_system_t* type_system() const { return type_system_; }
+  const nmb_metadata_t* metadata() const { return metadata_; }
   const nmb_counters_schema_t* counters_schema() const;
   const nmb_counters_plan_t* counters_plan() const { return counters_plan_.get(); }
   const nmb_event_plans_t& event_plans() const { return event_plans_; }

@@ -210,6 +210,7 @@ std::vector<BatchRecord> NmbMetricsParser::parse_metrics(std::span<const uint8_t
         parse_labels_block(batch.span(), kBatchHeaderSize + kSampleSize * num_samples,
                            record.label_set_id, record.labels, kCaller);
     record.timestamp = timestamp;
+    record.type = bag_value<std::string>(bag, "type").front();
     record.samples = std::move(metrics.samples);
     record.word = metrics.word;
     batches.push_back(std::move(record));

@@ -55,6 +55,7 @@ struct BatchRecord {
   uint32_t word = 0;
   std::vector<LabelEntry> labels;
   uint64_t label_set_id = 0;  // selects the label names that go with `labels`
+  char type = 'G';            // 'C' (counter) or 'G' (gauge)
 };
 
 // Label set index (the ordinal of its "LBLN" section) to its label names.

@@ -16,7 +16,7 @@ _nmb_read() {
   fi
   case $prev in
     -f | --format)
-      mapfile -t COMPREPLY < <(compgen -W 'json ndjson txt csv influx bin' -- "$cur")
+      mapfile -t COMPREPLY < <(compgen -W 'json ndjson txt csv influx bin openmetrics' -- "$cur")
       return ;;
     -v | --verbose)
       mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7' -- "$cur")

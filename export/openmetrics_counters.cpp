@@ -1,0 +1,178 @@
+#include "export/openmetrics_counters.h"
+
+#include <cstring>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "filter/metadata.h"
+#include "utils/openmetrics_text.h"
+
+namespace nmb::openmetrics {
+
+namespace {
+
+using Kind = nmb_counter_render_kind_t;
+
+constexpr std::string_view kPrefix = "nmb_counters_";
+
+CounterSeries::Value value_of(Kind kind) {
+  switch (kind) {
+    case Kind::kUnsignedNumber:
+      return CounterSeries::Value::kUnsigned;
+    case Kind::kSignedNumber:
+      return CounterSeries::Value::kSigned;
+    case Kind::kDoubleNumber:
+      return CounterSeries::Value::kDouble;
+    default:
+      return CounterSeries::Value::kText;
+  }
+}
+
+// An entry's pairs, a repeated name holding its last value at its first place.
+std::vector<nmb_metadata_pair_t> last_values(const std::vector<nmb_metadata_pair_t>& pairs) {
+  std::vector<nmb_metadata_pair_t> kept;
+  for (const nmb_metadata_pair_t& pair : pairs) {
+    bool replaced = false;
+    for (nmb_metadata_pair_t& seen : kept) {
+      if (seen.name != pair.name) continue;
+      seen.value = pair.value;
+      replaced = true;
+    }
+    if (!replaced) kept.push_back(pair);
+  }
+  return kept;
+}
+
+}  // namespace
+
+CountersLayout compile_counters_layout(const nmb_counters_schema_t& schema,
+                                       const nmb_metadata_t* metadata, Families& families,
+                                       bool guid_switch) {
+  CountersLayout layout;
+  for (const nmb_counter_group_t& group : schema.groups) {
+    // Two counters of a group that would be one series: the later one's
+    // name gets "_2", "_3", ... appended.
+    std::set<std::string> series_of_group;
+    for (const nmb_counter_info_t& counter : group.counters) {
+      CounterSeries series;
+      series.render = nmb_counter_render_compile(counter);
+      if (series.render.kind == Kind::kGuidSwitched)
+        series.render.kind = guid_switch ? Kind::kHex : series.render.unswitched;
+      series.value = value_of(series.render.kind);
+
+      const nmb_metadata_entry_t* entry =
+          metadata != nullptr ? nmb_metadata_find(*metadata, counter.name) : nullptr;
+      const std::string_view shown = nmb_metadata_shown_name(entry, counter.name);
+      LabelText labels;
+      labels.take_name("source_id");
+      labels.take_name("source_tag");
+      labels.add("granularity", nmb_granularity_name(group.granularity));
+      if (group.has_name) labels.add("group", group.name);
+      if (entry != nullptr) {
+        for (const auto& pair : last_values(entry->indexes)) labels.add(pair.name, pair.value);
+        for (const auto& pair : last_values(entry->labels)) labels.add(pair.name, pair.value);
+      }
+      const bool text = series.value == CounterSeries::Value::kText;
+      if (text) labels.take_name("value");
+
+      std::string base(kPrefix);
+      if (group.has_name && !group.name.empty()) base.append(group.name).push_back('_');
+      base.append(shown);
+      base = valid_name(base, false);
+      std::string name = base;
+      for (unsigned n = 2; !series_of_group.insert(name + labels.text).second; ++n)
+        name = base + "_" + std::to_string(n);
+
+      const FamilyType type = text ? FamilyType::kInfo
+                              : counter.counting_type == NMB_COUNTING_TYPE_RUNNING_SUM
+                                  ? FamilyType::kCounter
+                                  : FamilyType::kGauge;
+      series.family = &families.declare(name, type, counter.description);
+      series.labels = std::move(labels.text);
+      series.writable = labels.writable;
+      layout.series.push_back(std::move(series));
+    }
+  }
+  return layout;
+}
+
+void append_series(std::string& out, const Family& family, std::string_view source_labels,
+                   std::string_view labels, std::string_view more) {
+  out.append(family.sample_name);
+  const size_t open = out.size();
+  out.append(source_labels).append(labels).append(more);
+  if (out.size() != open) {
+    out[open] = '{';
+    out.push_back('}');
+  }
+  out.push_back(' ');
+}
+
+void write_counters_block(std::string& out, const CountersLayout& layout, ByteView values,
+                          uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
+                          SampleTally& tally) {
+  std::string time;
+  append_timestamp(time, timestamp);
+  for (const CounterSeries& series : layout.series) {
+    if (!series.writable) {
+      if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
+      continue;
+    }
+    const nmb_counter_render_t& r = series.render;
+    if (series.value != CounterSeries::Value::kText) Families::announce(out, *series.family);
+    switch (series.value) {
+      case CounterSeries::Value::kUnsigned:
+        append_series(out, *series.family, source_labels, series.labels);
+        append_unsigned(out, values.read<uint64_t, false>(r.offset));
+        break;
+      case CounterSeries::Value::kSigned:
+        append_series(out, *series.family, source_labels, series.labels);
+        append_signed(out, static_cast<int64_t>(values.read<uint64_t, false>(r.offset)));
+        break;
+      case CounterSeries::Value::kDouble: {
+        const uint64_t bits = values.read<uint64_t, false>(r.offset);
+        double value;
+        std::memcpy(&value, &bits, sizeof value);
+        append_series(out, *series.family, source_labels, series.labels);
+        append_double(out, value);
+        break;
+      }
+      case CounterSeries::Value::kText: {
+        // The text ndjson shows: a string's bytes up to a zero, or a
+        // formatter's text (which needs no escape) without its quotes.
+        std::string_view text;
+        if (r.kind == nmb_counter_render_kind_t::kString) {
+          std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
+          text = std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+          text = text.substr(0, text.find('\0'));
+        } else {
+          std::string& format = scratch.format;
+          format.resize(nmb_counter_value_room(r, values));
+          char* end = nmb_counter_value_write_any<false>(format.data(), r, values, false);
+          if (end != nullptr && end - format.data() >= 2)
+            text =
+                std::string_view(format.data() + 1, static_cast<size_t>(end - format.data()) - 2);
+        }
+        std::string& label = scratch.label;
+        label.assign(",value=\"");
+        if (!append_label_value(label, text)) {
+          if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
+          continue;
+        }
+        label.push_back('"');
+        Families::announce(out, *series.family);
+        append_series(out, *series.family, source_labels, series.labels,
+                      text.empty() ? std::string_view() : std::string_view(label));
+        out.push_back('1');
+        break;
+      }
+    }
+    out.push_back(' ');
+    out.append(time);
+    out.push_back('\n');
+    ++tally.written;
+  }
+}
+
+}  // namespace nmb::openmetrics
