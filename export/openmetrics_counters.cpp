@@ -146,6 +146,19 @@ void write_counters_block(std::string& out, const CountersLayout& layout, ByteVi
           std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
           text = std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
           text = text.substr(0, text.find('\0'));
+        } else if ((r.kind == Kind::kUnsigned128 || r.kind == Kind::kSigned128) &&
+                   r.format != NMB_STRING_FORMAT_HEXADECIMAL &&
+                   r.format != NMB_STRING_FORMAT_UUID && r.format != NMB_STRING_FORMAT_BINARY) {
+          // The plain hex digits json shows, without its warning per value.
+          uint8_t bytes[16];
+          values.copy(r.offset, bytes, sizeof bytes);
+          std::string& format = scratch.format;
+          format.clear();
+          for (uint8_t byte : bytes) {
+            format.push_back("0123456789abcdef"[byte >> 4]);
+            format.push_back("0123456789abcdef"[byte & 15]);
+          }
+          text = format;
         } else {
           std::string& format = scratch.format;
           format.resize(nmb_counter_value_room(r, values));

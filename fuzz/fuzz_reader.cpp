@@ -26,6 +26,7 @@ std::string g_data_path;
 nmb_read_options_t g_json;
 nmb_read_options_t g_ndjson;
 nmb_read_options_t g_headers;
+nmb_read_options_t g_openmetrics;
 
 nmb_read_options_t options_for(const std::string& schema_dir, int format) {
   nmb_read_options_t options;
@@ -52,6 +53,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_headers = options_for(schema_dir, NMB_FORMAT_TXT);
   g_headers.print_headers = true;
   g_headers.timestamp_gt = 1700000000000001;
+  g_openmetrics = options_for(schema_dir, NMB_FORMAT_OPENMETRICS);
   return 0;
 }
 
@@ -62,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fclose(file);
 
   nmb_run(g_json);
-  for (const nmb_read_options_t* options : {&g_ndjson, &g_headers}) {
+  for (const nmb_read_options_t* options : {&g_ndjson, &g_headers, &g_openmetrics}) {
     const nmb_reader_settings_t settings = nmb_reader_settings_from(*options);
     const nmb::ExportSettings export_with = nmb_export_settings_from(*options);
     auto sink = nmb_make_block_sink(options->format, export_with, nmb::stdout_buffer());

@@ -32,18 +32,6 @@ namespace {
 using namespace nmb::test;
 using nlohmann::json;
 
-// The program's path through PATH, empty when it is not there.
-std::string find_program(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    std::string candidate = dir + "/" + name;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return "";
-}
-
 // A port on 127.0.0.1 that was free a moment ago.
 int free_loopback_port() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -103,6 +103,17 @@ bool starts_with_log_timestamp(const std::string& line) {
   return prefix_at(line, 0);
 }
 
+std::string find_program(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    std::string candidate = dir + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return "";
+}
+
 std::string strip_log_timestamps(const std::string& text) {
   std::string result;
   size_t at = 0;

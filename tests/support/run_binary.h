@@ -27,6 +27,9 @@ struct RunOptions {
 RunResult run_binary(const std::string& program, const std::vector<std::string>& args,
                      const RunOptions& options = {});
 
+// The program's path through PATH, empty when it is not there.
+std::string find_program(const std::string& name);
+
 // Removes the "[YYYY-mm-dd HH:MM:SS.mmm] " prefix of every log line.
 std::string strip_log_timestamps(const std::string& text);
 // True when `line` starts with such a prefix.
