@@ -53,7 +53,7 @@ records_of() { "${nmb[@]}" -f ndjson "$1" | wc -l; }
 for n in 500 5000; do
   f=$data/counters_$n.bin
   r=$(records_of "$f")
-  for format in ndjson json txt; do measure "counters_$n $format" "$f" "$r" "${nmb[@]}" -f $format "$f"; done
+  for format in ndjson json txt openmetrics; do measure "counters_$n $format" "$f" "$r" "${nmb[@]}" -f $format "$f"; done
   measure "counters_$n bare writer (ndjson bytes)" "$f" "$r" "$bin/bench/bare_counters_writer" "$f" $n
   measure "counters_$n cJSON DOM per record" "$f" "$r" "$bin/bench/cjson_exporter" "$f" $n
 done
@@ -70,7 +70,7 @@ measure "counters_5000 snappy pages snappy only" "$f" "$r" "$bin/bench/decode_pa
 for file in events metrics; do
   f=$data/$file.bin
   r=$(records_of "$f")
-  for format in ndjson json txt; do measure "$file $format" "$f" "$r" "${nmb[@]}" -f $format "$f"; done
+  for format in ndjson json txt openmetrics; do measure "$file $format" "$f" "$r" "${nmb[@]}" -f $format "$f"; done
   if [ $file = events ]; then
     measure "events bare writer (ndjson bytes)" "$f" "$r" "$bin/bench/bare_events_writer" "$f"
   fi
