@@ -109,81 +109,90 @@ void append_series(std::string& out, const Family& family, std::string_view sour
   out.push_back(' ');
 }
 
-void write_counters_block(std::string& out, const CountersLayout& layout, ByteView values,
+namespace {
+
+// The text ndjson shows for a text counter: a string's bytes up to a zero,
+// or a formatter's text (which needs no escape) without its quotes.
+std::string_view text_value(const nmb_counter_render_t& r, const ByteView& values,
+                            std::string& format) {
+  if (r.kind == Kind::kString) {
+    std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
+    std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return text.substr(0, text.find('\0'));
+  }
+  if ((r.kind == Kind::kUnsigned128 || r.kind == Kind::kSigned128) &&
+      r.format != NMB_STRING_FORMAT_HEXADECIMAL && r.format != NMB_STRING_FORMAT_UUID &&
+      r.format != NMB_STRING_FORMAT_BINARY) {
+    // The plain hex digits json shows, without its warning per value.
+    uint8_t bytes[16];
+    values.copy(r.offset, bytes, sizeof bytes);
+    format.clear();
+    for (uint8_t byte : bytes) {
+      format.push_back("0123456789abcdef"[byte >> 4]);
+      format.push_back("0123456789abcdef"[byte & 15]);
+    }
+    return format;
+  }
+  format.resize(nmb_counter_value_room(r, values));
+  char* end = nmb_counter_value_write_any<false>(format.data(), r, values, false);
+  if (end == nullptr || end - format.data() < 2) return {};
+  return {format.data() + 1, static_cast<size_t>(end - format.data()) - 2};
+}
+
+// Every series' text before its value for the file's source labels:
+// "<sample name>{<labels>} " (for a text counter, without "} ").
+void bind_source(CountersLayout& layout, const std::string& source_labels) {
+  layout.source = source_labels;
+  layout.bound = true;
+  for (CounterSeries& series : layout.series) {
+    series.prefix.clear();
+    append_series(series.prefix, *series.family, source_labels, series.labels);
+    if (series.value == CounterSeries::Value::kText) series.prefix.resize(series.prefix.size() - 2);
+  }
+}
+
+}  // namespace
+
+void write_counters_block(std::string& out, CountersLayout& layout, ByteView values,
                           uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
                           SampleTally& tally) {
-  std::string time;
-  append_timestamp(time, timestamp);
+  if (!layout.bound || layout.source != source_labels) bind_source(layout, source_labels);
+  char time[32] = {' '};
+  const size_t time_length = append_timestamp_into(time + 1, timestamp) + 1;
+  time[time_length] = '\n';
   for (const CounterSeries& series : layout.series) {
     if (!series.writable) {
       if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
       continue;
     }
     const nmb_counter_render_t& r = series.render;
-    if (series.value != CounterSeries::Value::kText) Families::announce(out, *series.family);
-    switch (series.value) {
-      case CounterSeries::Value::kUnsigned:
-        append_series(out, *series.family, source_labels, series.labels);
-        append_unsigned(out, values.read<uint64_t, false>(r.offset));
-        break;
-      case CounterSeries::Value::kSigned:
-        append_series(out, *series.family, source_labels, series.labels);
-        append_signed(out, static_cast<int64_t>(values.read<uint64_t, false>(r.offset)));
-        break;
-      case CounterSeries::Value::kDouble: {
-        const uint64_t bits = values.read<uint64_t, false>(r.offset);
+    if (series.value == CounterSeries::Value::kText) {
+      const std::string_view text = text_value(r, values, scratch.format);
+      std::string& label = scratch.label;
+      label.assign(",value=\"");
+      if (!append_label_value(label, text)) {
+        if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
+        continue;
+      }
+      Families::announce(out, *series.family);
+      out.append(series.prefix);
+      if (!text.empty()) out.append(label).push_back('"');
+      out.append("} 1");
+    } else {
+      Families::announce(out, *series.family);
+      out.append(series.prefix);
+      const uint64_t bits = values.read<uint64_t, false>(r.offset);
+      if (series.value == CounterSeries::Value::kUnsigned) {
+        append_unsigned(out, bits);
+      } else if (series.value == CounterSeries::Value::kSigned) {
+        append_signed(out, static_cast<int64_t>(bits));
+      } else {
         double value;
         std::memcpy(&value, &bits, sizeof value);
-        append_series(out, *series.family, source_labels, series.labels);
         append_double(out, value);
-        break;
-      }
-      case CounterSeries::Value::kText: {
-        // The text ndjson shows: a string's bytes up to a zero, or a
-        // formatter's text (which needs no escape) without its quotes.
-        std::string_view text;
-        if (r.kind == nmb_counter_render_kind_t::kString) {
-          std::span<const uint8_t> bytes = values.bytes(r.offset, r.length);
-          text = std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-          text = text.substr(0, text.find('\0'));
-        } else if ((r.kind == Kind::kUnsigned128 || r.kind == Kind::kSigned128) &&
-                   r.format != NMB_STRING_FORMAT_HEXADECIMAL &&
-                   r.format != NMB_STRING_FORMAT_UUID && r.format != NMB_STRING_FORMAT_BINARY) {
-          // The plain hex digits json shows, without its warning per value.
-          uint8_t bytes[16];
-          values.copy(r.offset, bytes, sizeof bytes);
-          std::string& format = scratch.format;
-          format.clear();
-          for (uint8_t byte : bytes) {
-            format.push_back("0123456789abcdef"[byte >> 4]);
-            format.push_back("0123456789abcdef"[byte & 15]);
-          }
-          text = format;
-        } else {
-          std::string& format = scratch.format;
-          format.resize(nmb_counter_value_room(r, values));
-          char* end = nmb_counter_value_write_any<false>(format.data(), r, values, false);
-          if (end != nullptr && end - format.data() >= 2)
-            text =
-                std::string_view(format.data() + 1, static_cast<size_t>(end - format.data()) - 2);
-        }
-        std::string& label = scratch.label;
-        label.assign(",value=\"");
-        if (!append_label_value(label, text)) {
-          if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
-          continue;
-        }
-        label.push_back('"');
-        Families::announce(out, *series.family);
-        append_series(out, *series.family, source_labels, series.labels,
-                      text.empty() ? std::string_view() : std::string_view(label));
-        out.push_back('1');
-        break;
       }
     }
-    out.push_back(' ');
-    out.append(time);
-    out.push_back('\n');
+    out.append(time, time_length + 1);
     ++tally.written;
   }
 }

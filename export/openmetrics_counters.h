@@ -31,10 +31,15 @@ struct CounterSeries {
   bool writable = true;  // false: a label value is not valid UTF-8
   Value value = Value::kUnsigned;
   nmb_counter_render_t render;  // its kind with the GUID switch applied
+  // With the source labels of `CountersLayout::source`: the text before the
+  // value ("<sample name>{<labels>} "; a text counter's ends at its labels).
+  std::string prefix;
 };
 
 struct CountersLayout {
   std::vector<CounterSeries> series;  // in counter order
+  std::string source;                 // the source labels the prefixes are made with
+  bool bound = false;
 };
 
 // The series of every counter of `schema`. With `metadata`, a counter named
@@ -59,7 +64,7 @@ struct Scratch {
 
 // Appends one line per counter of the block's values area at `timestamp`.
 // `source_labels` are the file's labels (",source_id=...").
-void write_counters_block(std::string& out, const CountersLayout& layout, ByteView values,
+void write_counters_block(std::string& out, CountersLayout& layout, ByteView values,
                           uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
                           SampleTally& tally);
 

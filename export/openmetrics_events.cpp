@@ -55,7 +55,7 @@ class Compiler {
  private:
   void label(const std::string& path, const nmb_field_plan_t& field, uint64_t at) {
     EventLayout::Label label;
-    label.key = "," + labels_.take_name(path) + "=\"";
+    label.key.append(",").append(labels_.take_name(path)).append("=\"");
     label.offset = at;
     label.count = field.count;
     label.kind = field.kind;
@@ -214,15 +214,21 @@ void write_event_record(std::string& out, EventLayout& layout, ByteView record, 
     const auto r = std::to_chars(number, number + sizeof number, seq);
     labels.append(",seq=\"").append(number, r.ptr).push_back('"');
   }
-  std::string stamp;
-  append_timestamp(stamp, time);
+  // "{<labels>} " once for all the record's values.
+  if (labels.empty()) {
+    labels.push_back(' ');
+  } else {
+    labels[0] = '{';
+    labels.append("} ");
+  }
+  char stamp[32] = {' '};
+  const size_t stamp_length = append_timestamp_into(stamp + 1, time) + 1;
+  stamp[stamp_length] = '\n';
   for (const EventLayout::Value& value : layout.values) {
     Families::announce(out, *value.family);
-    append_series(out, *value.family, {}, labels);
+    out.append(value.family->sample_name).append(labels);
     append_number(out, value.kind, record, value.offset);
-    out.push_back(' ');
-    out.append(stamp);
-    out.push_back('\n');
+    out.append(stamp, stamp_length + 1);
   }
   tally.written += layout.values.size();
 }

@@ -99,13 +99,19 @@ void append_double(std::string& out, double value) {
   }
 }
 
-void append_timestamp(std::string& out, uint64_t microseconds) {
-  append_number(out, microseconds / 1000000);
+size_t append_timestamp_into(char* at, uint64_t microseconds) {
+  char* end = std::to_chars(at, at + 20, microseconds / 1000000).ptr;
   const auto millis = static_cast<unsigned>(microseconds / 1000 % 1000);
-  const char fraction[5] = {'.', static_cast<char>('0' + millis / 100),
-                            static_cast<char>('0' + millis / 10 % 10),
-                            static_cast<char>('0' + millis % 10), 0};
-  out.append(fraction, 4);
+  end[0] = '.';
+  end[1] = static_cast<char>('0' + millis / 100);
+  end[2] = static_cast<char>('0' + millis / 10 % 10);
+  end[3] = static_cast<char>('0' + millis % 10);
+  return static_cast<size_t>(end + 4 - at);
+}
+
+void append_timestamp(std::string& out, uint64_t microseconds) {
+  char text[24];
+  out.append(text, append_timestamp_into(text, microseconds));
 }
 
 }  // namespace nmb::openmetrics

@@ -4,6 +4,7 @@
 // Stage: base.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -34,5 +35,7 @@ void append_double(std::string& out, double value);
 // A timestamp in microseconds as seconds with three decimals (the
 // milliseconds Prometheus keeps; the microseconds are cut, not rounded).
 void append_timestamp(std::string& out, uint64_t microseconds);
+// The same into `at` (room for 24 bytes); returns the length.
+size_t append_timestamp_into(char* at, uint64_t microseconds);
 
 }  // namespace nmb::openmetrics
