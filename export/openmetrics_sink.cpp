@@ -207,7 +207,7 @@ void OpenMetricsSink::end_data(bool /*ok*/) {
             "%" PRIu64
             " counters blocks of %s are not later than an earlier block of their source: "
             "Prometheus drops the samples of such blocks; export a source's files in time order "
-            "(-S first_timestamp)",
+            "(-Sfirst_timestamp)",
             blocks_back_in_time_, output().path());
   }
 }

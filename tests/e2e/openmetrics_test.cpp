@@ -79,18 +79,25 @@ std::vector<Stored> parse_dump(const std::string& text) {
 class OpenMetricsE2E : public E2ETest {
  protected:
   void SetUp() override {
+    auto counter = [](std::string name, std::string type, std::string counting = "ABSOLUTE",
+                      std::string description = "") {
+      Counter c = make_counter(std::move(name), std::move(type));
+      c.counting_type = std::move(counting);
+      c.description = std::move(description);
+      return c;
+    };
     CounterGroup g("port");
-    g.add({"rx_bytes", "UINT64", "RUNNING_SUM", "Bytes received"});
-    g.add({"temp", "FP64", "ABSOLUTE", "Temperature"});
-    g.add({"drift", "INT64", "DELTA"});
+    g.add(counter("rx_bytes", "UINT64", "RUNNING_SUM", "Bytes received"));
+    g.add(counter("temp", "FP64", "ABSOLUTE", "Temperature"));
+    g.add(counter("drift", "INT64", "DELTA"));
     g.add(make_counter("flags", "BIT64"));
     g.add(make_counter("fw", "STRING", "", 16));
     g.add(make_counter("wide", "UINT128"));
     g.add(make_counter("swide", "INT128"));
     g.add(make_counter("node_guid", "UINT64"));
-    g.add({"port_1_xmit", "UINT64", "RUNNING_SUM"});
-    g.add({"port_2_xmit", "UINT64", "RUNNING_SUM"});
-    g.add({"huge", "UINT64"});
+    g.add(counter("port_1_xmit", "UINT64", "RUNNING_SUM"));
+    g.add(counter("port_2_xmit", "UINT64", "RUNNING_SUM"));
+    g.add(counter("huge", "UINT64"));
     counters_id_ = write_schema_file(schema_dir_, CountersSchema().group(g));
     std::filesystem::create_directories(dir_.file("metadata"));
     write_text_file(dir_.file("metadata/metadata_" + schema_id_hex(counters_id_) + ".json"),
@@ -353,8 +360,8 @@ TEST_F(OpenMetricsE2E, WhatCannotBeWrittenOrStoredIsWarnedAbout) {
                        "[warning] 1 counters blocks of " +
                        path +
                        " are not later than an earlier block of their source: Prometheus drops the "
-                       "samples of such blocks; export a source's files in time order (-S "
-                       "first_timestamp)\n");
+                       "samples of such blocks; export a source's files in time order "
+                       "(-Sfirst_timestamp)\n");
   EXPECT_EQ(sample_lines(r.out), 22u);
 }
 

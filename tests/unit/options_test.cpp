@@ -83,6 +83,7 @@ TEST(Options, IncludeDefaultsToEverything) {
 
 TEST(Options, FormatIsTakenByName) {
   EXPECT_EQ(parse({"-f", "influx"}).options.format, NMB_FORMAT_INFLUX);
+  EXPECT_EQ(parse({"-f", "openmetrics"}).options.format, NMB_FORMAT_OPENMETRICS);
   EXPECT_FALSE(parse({"-f", "xml"}).ok);
 }
 
