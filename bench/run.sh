@@ -91,6 +91,8 @@ ratio "counters_5000 ndjson / cJSON DOM per record" "counters_5000 ndjson" "coun
 ratio "counters_5000 json time / ndjson time" "counters_5000 ndjson" "counters_5000 json" "<= 1.15"
 ratio "events json time / ndjson time" "events ndjson" "events json" "<= 1.15"
 ratio "events ndjson time / bare writer time" "events bare writer (ndjson bytes)" "events ndjson" "<= 1.30"
+ratio "counters_5000 openmetrics time / ndjson time" "counters_5000 ndjson" "counters_5000 openmetrics" "<= 1.50"
+ratio "events openmetrics time / ndjson time" "events ndjson" "events openmetrics" "<= 1.50"
 
 # Reading ahead: pages decoded (and whole-file gzip inflated) on a second
 # thread against everything on one thread.
