@@ -32,15 +32,16 @@ std::unique_ptr<nmb::BlockSink> make_bin_sink(const nmb::ExportSettings& setting
   return std::make_unique<nmb::BinSink>(settings, out, std::move(writer), NMB_FORMAT_BIN);
 }
 
-// code, name, sink, streaming, in help, writes files, one sink per run
+// code, name, sink, streaming, in help, writes files, one sink per run, follows
 constexpr nmb_output_format_entry_t kFormats[] = {
-    {NMB_FORMAT_JSON, "json", make<nmb::JsonSink, true>, false, true, false, false},
-    {NMB_FORMAT_NDJSON, "ndjson", make<nmb::JsonSink, false>, true, true, false, false},
-    {NMB_FORMAT_TXT, "txt", make<nmb::TextSink>, true, true, false, false},
-    {NMB_FORMAT_CSV, "csv", make<nmb::CsvSink>, true, true, false, false},
-    {NMB_FORMAT_INFLUX, "influx", make<nmb::InfluxSink>, true, true, false, false},
-    {NMB_FORMAT_BIN, "bin", make_bin_sink, false, true, true, true},
-    {NMB_FORMAT_OPENMETRICS, "openmetrics", make<nmb::OpenMetricsSink>, false, false, false, true},
+    {NMB_FORMAT_JSON, "json", make<nmb::JsonSink, true>, false, true, false, false, false},
+    {NMB_FORMAT_NDJSON, "ndjson", make<nmb::JsonSink, false>, true, true, false, false, true},
+    {NMB_FORMAT_TXT, "txt", make<nmb::TextSink>, true, true, false, false, true},
+    {NMB_FORMAT_CSV, "csv", make<nmb::CsvSink>, true, true, false, false, true},
+    {NMB_FORMAT_INFLUX, "influx", make<nmb::InfluxSink>, true, true, false, false, true},
+    {NMB_FORMAT_BIN, "bin", make_bin_sink, false, true, true, true, false},
+    {NMB_FORMAT_OPENMETRICS, "openmetrics", make<nmb::OpenMetricsSink>, false, false, false, true,
+     true},
 };
 
 constexpr bool codes_are_row_indexes() {
@@ -70,6 +71,11 @@ bool nmb_output_format_writes_files(int code) {
 bool nmb_output_format_one_sink_per_run(int code) {
   const nmb_output_format_entry_t* format = nmb_output_format(code);
   return format != nullptr && format->one_sink_per_run;
+}
+
+bool nmb_output_format_follows(int code) {
+  const nmb_output_format_entry_t* format = nmb_output_format(code);
+  return format != nullptr && format->follows;
 }
 
 int nmb_output_format_from_name(const char* name) {

@@ -40,6 +40,9 @@ struct nmb_output_format_entry_t {
   // many input files to the same output files): files run one at a time
   // whatever -j says.
   bool one_sink_per_run;
+  // Can write what a followed file gains as it grows (--follow): every
+  // record stands alone, with nothing to close per file.
+  bool follows;
 };
 
 // Every format, in code order.
@@ -47,9 +50,11 @@ std::span<const nmb_output_format_entry_t> nmb_output_formats();
 // The row of `code`; nullptr for an unknown code.
 const nmb_output_format_entry_t* nmb_output_format(int code);
 
-// The row's writes_files / one_sink_per_run; false for an unknown code.
+// The row's writes_files / one_sink_per_run / follows; false for an unknown
+// code.
 bool nmb_output_format_writes_files(int code);
 bool nmb_output_format_one_sink_per_run(int code);
+bool nmb_output_format_follows(int code);
 
 // -1 for an unknown name.
 int nmb_output_format_from_name(const char* name);

@@ -47,7 +47,8 @@ int main(int argc, char** argv) {
   nmb_string_array_print(NMB_LOG_DEBUG, options.files, "data file");
   int failed = nmb_run(options);
   if (!finish_output()) return 1;
-  if (failed <= 0) return 0;
+  if (failed < 0) return 1;  // refused before any file, and said why
+  if (failed == 0) return 0;
   std::fprintf(stderr, "Failed to read %d of %zu files\n", failed, options.files.size());
   return 1;
 }

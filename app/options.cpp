@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -46,6 +47,9 @@ bool append_file(nmb_string_array_t& files, const char* path, bool newline) {
   return false;
 }
 
+// Long options without a short form.
+enum : int { kFollow = 1000, kFollowInterval, kCheckpoint };
+
 const option kLongOptions[] = {
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},
@@ -66,6 +70,9 @@ const option kLongOptions[] = {
     {"microsecond-precision", no_argument, nullptr, 'u'},
     {"metadata", no_argument, nullptr, 'M'},
     {"jobs", required_argument, nullptr, 'j'},
+    {"follow", no_argument, nullptr, kFollow},
+    {"follow-interval", required_argument, nullptr, kFollowInterval},
+    {"checkpoint", required_argument, nullptr, kCheckpoint},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -171,6 +178,30 @@ bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit
         options.jobs = static_cast<uint32_t>(jobs);
         break;
       }
+      case kFollow:
+        options.follow = true;
+        break;
+      case kFollowInterval: {
+        char* end = nullptr;
+        errno = 0;
+        const double seconds = std::strtod(optarg, &end);
+        if (end == optarg || *end != '\0' || errno != 0 || !(seconds > 0) ||
+            seconds > NMB_MAX_FOLLOW_INTERVAL) {
+          std::fprintf(stderr,
+                       "Follow interval is a number of seconds above 0 and up to %d, %s is given.",
+                       static_cast<int>(NMB_MAX_FOLLOW_INTERVAL), optarg);
+          return false;
+        }
+        options.follow_interval = seconds;
+        break;
+      }
+      case kCheckpoint:
+        if (*optarg == '\0') {
+          std::fprintf(stderr, "Checkpoint file name is empty.");
+          return false;
+        }
+        options.checkpoint = optarg;
+        break;
       default:
         // getopt has already complained; an unknown option does not stop parsing.
         break;
@@ -247,6 +278,18 @@ bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, 
       return false;
     }
     options.schema_path = found;
+  }
+  if (options.follow && !nmb_output_format_follows(options.format)) {
+    std::fprintf(stderr,
+                 "--follow needs an output format written record by record (ndjson, txt, csv, "
+                 "influx or openmetrics), not %s\n",
+                 nmb_output_format_name(options.format));
+    return false;
+  }
+  if (options.follow && options.jobs > 1) {
+    std::fprintf(stderr, "--follow exports one file at a time: -j %u cannot be used with it\n",
+                 options.jobs);
+    return false;
   }
   if (nmb_output_format_writes_files(options.format) && !path_exists(options.output_dir)) {
     std::fprintf(stderr, "Output folder '%s' does not exits\n", options.output_dir.c_str());

@@ -36,7 +36,15 @@ struct nmb_read_options_t {
   bool microsecond_precision = false;
   bool metadata = false;
   uint32_t jobs = 1;
+  // --follow, --follow-interval and --checkpoint (long options outside the
+  // help text): keep exporting what the inputs gain, and resume from a
+  // checkpoint file.
+  bool follow = false;
+  double follow_interval = 0.25;  // seconds between looks when not woken sooner
+  std::string checkpoint;         // empty: none
 };
+
+inline constexpr double NMB_MAX_FOLLOW_INTERVAL = 3600;
 
 // Parses argv into `options` and completes it (data directory, include
 // default, schema folder search, file checks). Messages go to standard error;

@@ -6,11 +6,13 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "app/file_jobs.h"
+#include "app/follow.h"
 #include "app/formats.h"
 #include "app/progress.h"
 #include "data/format.h"
@@ -228,6 +230,12 @@ int nmb_run(const nmb_read_options_t& options) {
   const nmb::ExportSettings export_with = nmb_export_settings_from(options);
   std::unique_ptr<nmb::BlockSink> sink = nmb_make_block_sink(options.format, export_with, out);
   if (!sink) return 1;  // nothing is written, no file is processed
+  nmb_checkpoint_t checkpoint;
+  if (!options.checkpoint.empty()) {
+    std::optional<nmb_checkpoint_t> read = nmb_checkpoint_read(options.checkpoint);
+    if (!read) return -1;  // nothing is written, no file is processed
+    checkpoint = std::move(*read);
+  }
   sink->begin_run();
   int failed = 0;
   bool completed = true;
@@ -238,7 +246,10 @@ int nmb_run(const nmb_read_options_t& options) {
     paths = options.files;
   }
   nmb::RunProgress progress(paths.size());
-  if (jobs <= 1) {
+  if (options.follow || !options.checkpoint.empty()) {
+    // From the checkpoint on, whole chunks only, one file at a time.
+    failed += nmb_run_followed(options, paths, settings, export_with, *sink, std::move(checkpoint));
+  } else if (jobs <= 1) {
     // A failed write to standard output ends the run: no further file.
     for (size_t i = 0; i < paths.size() && nmb::output_error() == 0; ++i) {
       if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0)) ++failed;

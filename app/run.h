@@ -12,7 +12,8 @@
 
 // Processes every input file; returns the number of files that failed (1 when
 // the format has no sink or sorting could not read a header, in which cases no
-// file is processed).
+// file is processed; -1 when the --checkpoint file cannot be read, logged,
+// with no file processed and no output).
 int nmb_run(const nmb_read_options_t& options);
 
 // The block sink of an output format, from its row in the format table;

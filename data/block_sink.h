@@ -25,6 +25,11 @@ class BlockSink {
   // stopped before any file was processed).
   virtual void begin_run() {}
   virtual void end_run(bool /*completed*/) {}
+  // This sink writes files of the run whose begin_run and end_run go to
+  // `run` (a sink of the same format, made by the same factory): what the
+  // format keeps for the whole run is taken from it (--follow gives every
+  // followed file a sink of its own).
+  virtual void share_run_with(BlockSink& /*run*/) {}
 
   // One file: opened (its path names it in reports; false: the sink cannot
   // take the file, which then fails), its header read (header_read, before

@@ -413,11 +413,15 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader) {
     size_t size = 0;
     const nmb_chunk_read_t read = nmb_reader_read_chunk(reader, chunk, size);
     if (read != NMB_CHUNK_READ) return read == NMB_CHUNK_END;
-    bool ok = nmb_classify_block(chunk) == NMB_PAGE_BLOCK
-                  ? nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk, size))
-                  : nmb_reader_process_block(reader, nmb::ByteView(chunk, size, block_size), false);
-    if (!ok) return false;
+    if (!nmb_reader_process_chunk(reader, chunk, size)) return false;
   }
+}
+
+bool nmb_reader_process_chunk(nmb_reader_context_t& reader, const uint8_t* chunk, size_t size) {
+  return nmb_classify_block(chunk) == NMB_PAGE_BLOCK
+             ? nmb_reader_process_page_chunk(reader, std::span<const uint8_t>(chunk, size))
+             : nmb_reader_process_block(
+                   reader, nmb::ByteView(chunk, size, reader.header.block_size), false);
 }
 
 bool nmb_reader_allocation_failed(uint64_t size) {
@@ -429,6 +433,19 @@ bool nmb_reader_allocation_failed(uint64_t size) {
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
                       bool first) {
   nmb_reader_context_t reader;
+  if (!nmb_reader_begin_file(reader, path, settings, sink, first)) return false;
+  const bool ok = nmb_reader_process_chunks(reader);
+  sink.end_data(ok);
+  if (!ok) {
+    nmb_reader_report(reader, "Failed to process data file %s", path);
+    return false;
+  }
+  return true;
+}
+
+bool nmb_reader_begin_file(nmb_reader_context_t& reader, const char* path,
+                           const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
+                           bool first) {
   if (!nmb_reader_open(reader, path, settings, sink)) {
     NMB_LOG(NMB_LOG_ERROR, "Failed to initialize reader context");
     return false;
@@ -469,11 +486,5 @@ bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, n
   sink.metadata_loaded(reader.metadata.get());
 
   sink.begin_data(path, first);
-  const bool ok = nmb_reader_process_chunks(reader);
-  sink.end_data(ok);
-  if (!ok) {
-    nmb_reader_report(reader, "Failed to process data file %s", path);
-    return false;
-  }
   return true;
 }

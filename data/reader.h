@@ -77,6 +77,11 @@ void nmb_reader_report(nmb_reader_context_t& reader, const char* format, ...)
 // file. False when the file failed.
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
                       bool first);
+// The start of nmb_process_file: opens the file, reads and checks its header,
+// loads its schemas (and -M metadata) and tells the sink, up to begin_data.
+// False when the file failed (reported).
+bool nmb_reader_begin_file(nmb_reader_context_t& reader, const char* path,
+                           const nmb_reader_settings_t& settings, nmb::BlockSink& sink, bool first);
 // Reads and checks the header only (for sorting); true when it is valid.
 bool nmb_read_header_only(const char* path, nmb_file_header_t& header);
 
@@ -94,6 +99,9 @@ bool nmb_reader_walk_chunks(nmb_reader_context_t& reader);
 // Reading one chunk: read (`size` bytes), the end of the file, or a failure
 // (logged).
 enum nmb_chunk_read_t { NMB_CHUNK_READ, NMB_CHUNK_END, NMB_CHUNK_FAILED };
+// Dispatches one chunk of `size` bytes (at most the block size; the buffer
+// holds the block size): its packed pages, or its block.
+bool nmb_reader_process_chunk(nmb_reader_context_t& reader, const uint8_t* chunk, size_t size);
 // Reads the next chunk of at most the header's block size into `chunk`.
 nmb_chunk_read_t nmb_reader_read_chunk(nmb_reader_context_t& reader, uint8_t* chunk, size_t& size);
 // Logs that a buffer of `size` bytes (a chunk, a batch of chunks, a decoded

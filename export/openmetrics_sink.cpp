@@ -18,7 +18,7 @@ namespace nmb {
 namespace om = openmetrics;
 
 OpenMetricsSink::OpenMetricsSink(const ExportSettings& settings, OutputBuffer& buffer)
-    : RecordSink(settings, buffer, false) {}
+    : RecordSink(settings, buffer, false), families_(std::make_shared<om::Families>()) {}
 
 OpenMetricsSink::~OpenMetricsSink() = default;
 
@@ -57,7 +57,7 @@ void OpenMetricsSink::metadata_loaded(const nmb_metadata_t* metadata) {
   counters_.reset();
   if (const nmb_counters_schema_t* schema = counters_schema()) {
     counters_ = std::make_unique<om::CountersLayout>(
-        om::compile_counters_layout(*schema, metadata, families_, nmb_counters_guid_switch()));
+        om::compile_counters_layout(*schema, metadata, *families_, nmb_counters_guid_switch()));
   }
 }
 
@@ -88,7 +88,7 @@ bool OpenMetricsSink::write_event(const nmb_event_plan_t& plan, ByteView record,
   std::unique_ptr<om::EventLayout>& layout = events_[plan.id];
   if (!layout) {
     layout = std::make_unique<om::EventLayout>(
-        om::compile_event_layout(plan, families_, nmb_event_guid_conversion_on()));
+        om::compile_event_layout(plan, *families_, nmb_event_guid_conversion_on()));
   }
   const uint64_t time = om::event_time(*layout, record, ts.value);
   if (in_bounds(time))
@@ -164,7 +164,7 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
       if (tally_.unwritable == 0) {
         om::Family*& family = by_id[batch.samples.front().sample_id];
         if (family == nullptr)
-          family = &families_.declare(
+          family = &families_->declare(
               om::valid_name(tables.metric_names[batch.samples.front().sample_id], false),
               counter ? om::FamilyType::kCounter : om::FamilyType::kGauge, {});
         tally_.first_unwritable = family;
@@ -178,8 +178,8 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
       om::Family*& family = by_id[sample.sample_id];
       if (family == nullptr) {
         family =
-            &families_.declare(om::valid_name(tables.metric_names[sample.sample_id], false),
-                               counter ? om::FamilyType::kCounter : om::FamilyType::kGauge, {});
+            &families_->declare(om::valid_name(tables.metric_names[sample.sample_id], false),
+                                counter ? om::FamilyType::kCounter : om::FamilyType::kGauge, {});
       }
       om::Families::announce(out, *family);
       om::append_series(out, *family, source_labels_, labels[b].text);
@@ -210,6 +210,10 @@ void OpenMetricsSink::end_data(bool /*ok*/) {
             "(-Sfirst_timestamp)",
             blocks_back_in_time_, output().path());
   }
+}
+
+void OpenMetricsSink::share_run_with(BlockSink& run) {
+  if (auto* sink = dynamic_cast<OpenMetricsSink*>(&run)) families_ = sink->families_;
 }
 
 void OpenMetricsSink::end_run(bool /*completed*/) {

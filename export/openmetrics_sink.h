@@ -31,6 +31,7 @@ class OpenMetricsSink : public RecordSink {
   void metadata_loaded(const nmb_metadata_t* metadata) override;
   void end_data(bool ok) override;
   void end_run(bool completed) override;
+  void share_run_with(BlockSink& run) override;
 
  protected:
   bool write_counters(ByteView block) override;
@@ -41,8 +42,10 @@ class OpenMetricsSink : public RecordSink {
  private:
   bool in_bounds(uint64_t time);
 
-  openmetrics::Families families_;  // of the whole run
-  std::string source_labels_;       // of the current file
+  // Of the whole run; shared with the run's sink when this one writes one
+  // followed file.
+  std::shared_ptr<openmetrics::Families> families_;
+  std::string source_labels_;  // of the current file
   std::unique_ptr<openmetrics::CountersLayout> counters_;
   std::vector<std::unique_ptr<openmetrics::EventLayout>> events_;  // by plan id
   openmetrics::Scratch scratch_;
