@@ -20,6 +20,7 @@
 #include "data/file_header.h"
 #include "data/format.h"
 #include "data/type_system.h"
+#include "utils/env.h"
 #include "utils/log.h"
 #include "utils/output.h"
 
@@ -410,7 +411,10 @@ void Follower::save_checkpoint() {
 }
 
 int Follower::run(const std::vector<std::string>& paths, int wake_fd) {
-  if (options_.follow) {
+  const char* poll_only = nmb_getenv("NMB_FOLLOW_POLL");
+  if (options_.follow && poll_only != nullptr && nmb_env_is_true(poll_only)) {
+    NMB_LOG(NMB_LOG_DEBUG, "NMB_FOLLOW_POLL: looking every %g s", options_.follow_interval);
+  } else if (options_.follow) {
     inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotify_ < 0) {
       NMB_LOG(NMB_LOG_INFO, "inotify is not available (%s): looking every %g s",

@@ -25,12 +25,12 @@ _nmb_read() {
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -d -- "$cur")
       return ;;
-    -C | --cset-file | -F | --fset-file)
+    -C | --cset-file | -F | --fset-file | --checkpoint)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$cur")
       return ;;
     -g | --timestamp-gt | -l | --timestamp-lt | -i | --include-counters | -e | \
-      --exclude-counters | -j | --jobs)
+      --exclude-counters | -j | --jobs | --follow-interval)
       return ;;  # a number or a pattern: nothing to offer
     --sort-files)
       # A comma-separated list of keys: complete the last one.
@@ -45,7 +45,8 @@ _nmb_read() {
       --print-page-info -s --schema-path -d --data-dir -g --timestamp-gt -l --timestamp-lt
       -C --cset-file -F --fset-file -I --ignore-missing-filter -M --metadata
       -i --include-counters -e --exclude-counters -o --output-dir -f --format
-      -u --microsecond-precision -S --sort-files --sort-files= -j --jobs' -- "$cur")
+      -u --microsecond-precision -S --sort-files --sort-files= -j --jobs
+      --follow --follow-interval --checkpoint' -- "$cur")
     [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace 2>/dev/null
     return
   fi

@@ -78,7 +78,7 @@ class GrowingFile {
 // files; stopped by SIGTERM (SIGKILL after 10 s) when the test is done.
 class Follower {
  public:
-  Follower(const std::string& dir, const std::vector<std::string>& args)
+  Follower(const std::string& dir, const std::vector<std::string>& args, bool poll = false)
       : out_(dir + "/follow.out"), err_(dir + "/follow.err") {
     pid_ = fork();
     if (pid_ == 0) {
@@ -87,6 +87,7 @@ class Follower {
       dup2(out, STDOUT_FILENO);
       dup2(err, STDERR_FILENO);
       setenv("TZ", "UTC", 1);
+      if (poll) setenv("NMB_FOLLOW_POLL", "1", 1);
       std::vector<char*> argv{const_cast<char*>(NMB_READ_BINARY)};
       for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
       argv.push_back(nullptr);
@@ -161,10 +162,13 @@ class FollowE2E : public E2ETest {
   SchemaId counters_{};
 };
 
-TEST_F(FollowE2E, WhatFollowingWroteIsThePlainExportOfTheFinalFiles) {
+// Woken by inotify, or looking every 50 ms without it.
+class FollowBothWays : public FollowE2E, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(FollowBothWays, WhatFollowingWroteIsThePlainExportOfTheFinalFiles) {
   GrowingFile a(dir_.file("data/a.bin"), counters_, "a", 6, kT0);
   a.append(2);
-  Follower follower(dir_.path(), follow_args({"-d", dir_.file("data")}));
+  Follower follower(dir_.path(), follow_args({"-d", dir_.file("data")}), GetParam());
   ASSERT_TRUE(follower.wait_for_lines(2)) << follower.err();
   a.append(1, true);  // a whole chunk and half of the next
   ASSERT_TRUE(follower.wait_for_lines(3)) << follower.err();
@@ -194,6 +198,9 @@ TEST_F(FollowE2E, WhatFollowingWroteIsThePlainExportOfTheFinalFiles) {
                                        expected[7], expected[3], expected[4], expected[5]};
   EXPECT_EQ(followed, order);
 }
+
+INSTANTIATE_TEST_SUITE_P(Wakeups, FollowBothWays, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Polling" : "Inotify"; });
 
 TEST_F(FollowE2E, ACheckpointResumesWithNothingLostOrRepeated) {
   GrowingFile a(dir_.file("data/a.bin"), counters_, "a", 7, kT0);
