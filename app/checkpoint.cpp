@@ -65,8 +65,9 @@ bool decode(const nmb::Json& doc, nmb_checkpoint_t& checkpoint, std::string& why
         file.is_object() && ((file.contains("path") && file["path"].is_string()) ||
                              (file.contains("path_hex") && file["path_hex"].is_string()));
     if (!named || !get_u64(file, "device", entry.device) || !get_u64(file, "inode", entry.inode) ||
-        !get_u64(file, "offset", entry.offset)) {
-      why = "an entry without path, device, inode or offset";
+        !get_u64(file, "offset", entry.offset) ||
+        !get_u64(file, "first_timestamp", entry.first_timestamp)) {
+      why = "an entry without path, device, inode, offset or first_timestamp";
       return false;
     }
     if (file.contains("path")) {
@@ -82,9 +83,11 @@ bool decode(const nmb::Json& doc, nmb_checkpoint_t& checkpoint, std::string& why
 
 }  // namespace
 
-const nmb_checkpoint_entry_t* nmb_checkpoint_t::find(uint64_t device, uint64_t inode) const {
+const nmb_checkpoint_entry_t* nmb_checkpoint_t::find(uint64_t device, uint64_t inode,
+                                                     uint64_t first_timestamp) const {
   for (const nmb_checkpoint_entry_t& entry : files) {
-    if (entry.device == device && entry.inode == inode) return &entry;
+    if (entry.device == device && entry.inode == inode && entry.first_timestamp == first_timestamp)
+      return &entry;
   }
   return nullptr;
 }
@@ -130,6 +133,8 @@ bool nmb_checkpoint_write(const std::string& path, const nmb_checkpoint_t& check
     append_u64(text, entry.inode);
     text.append(",\"offset\":");
     append_u64(text, entry.offset);
+    text.append(",\"first_timestamp\":");
+    append_u64(text, entry.first_timestamp);
     text.append("}");
   }
   text.append("\n]}\n");

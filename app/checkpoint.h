@@ -18,15 +18,20 @@ struct nmb_checkpoint_entry_t {
   uint64_t device = 0;
   uint64_t inode = 0;
   uint64_t offset = 0;  // the end of the last exported chunk
+  // The header's first timestamp: an inode reused by a later file does not
+  // make that file look like the one the entry is about.
+  uint64_t first_timestamp = 0;
 };
 
 struct nmb_checkpoint_t {
   std::vector<nmb_checkpoint_entry_t> files;
 
-  // The entry of the file with this identity: by device and inode, so a
-  // renamed file is still known and a replaced one (another inode at the
-  // path) is a new file.
-  const nmb_checkpoint_entry_t* find(uint64_t device, uint64_t inode) const;
+  // The entry of the file with this identity: by device, inode and first
+  // timestamp, so a renamed file is still known, and a replaced one
+  // (another inode at the path) or one that reuses a deleted file's inode
+  // is a new file.
+  const nmb_checkpoint_entry_t* find(uint64_t device, uint64_t inode,
+                                     uint64_t first_timestamp) const;
 };
 
 // Reads `path`: an empty checkpoint when the file does not exist (the first

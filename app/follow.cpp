@@ -104,8 +104,9 @@ struct Followed {
   std::string path;
   uint64_t device = 0;
   uint64_t inode = 0;
-  uint64_t offset = 0;     // the end of the last chunk exported (0: not begun)
-  uint64_t seen_size = 0;  // the size at the last look
+  uint64_t offset = 0;           // the end of the last chunk exported (0: not begun)
+  uint64_t first_timestamp = 0;  // of the header, for the checkpoint
+  uint64_t seen_size = 0;        // the size at the last look
   bool begun = false;
   bool done = false;  // failed, or a gzip-compressed file exported whole
   bool waiting_reported = false;
@@ -231,7 +232,8 @@ bool Follower::begin(Followed& f, int fd, const struct stat& info,
   }
   any_begun_ = true;
   f.offset = NMB_FILE_HEADER_SIZE;
-  const nmb_checkpoint_entry_t* entry = checkpoint_.find(f.device, f.inode);
+  f.first_timestamp = header.first_timestamp;
+  const nmb_checkpoint_entry_t* entry = checkpoint_.find(f.device, f.inode, f.first_timestamp);
   if (entry == nullptr || entry->offset <= f.offset) return true;
   if (entry->offset > static_cast<uint64_t>(info.st_size)) {
     NMB_LOG(NMB_LOG_WARNING,
@@ -334,7 +336,7 @@ bool Follower::pump(Followed& f) {
   if (has_header && raw[0] == 0x1f && raw[1] == 0x8b) {
     // A gzip-compressed file cannot be read from a chunk on: exported once,
     // whole, unless the checkpoint says it was.
-    const nmb_checkpoint_entry_t* entry = checkpoint_.find(info.st_dev, info.st_ino);
+    const nmb_checkpoint_entry_t* entry = checkpoint_.find(info.st_dev, info.st_ino, 0);
     if (entry == nullptr || entry->offset != size) {
       if (!nmb_process_file(f.path.c_str(), settings_, run_sink_, !any_begun_)) ++failed_;
       any_begun_ = true;
@@ -375,7 +377,13 @@ bool Follower::pump(Followed& f) {
   // file_size when the writer has declared a short last one.
   const uint64_t block_size = f.reader->header.block_size;
   uint64_t end = f.offset + (size - f.offset) / block_size * block_size;
-  if (header.file_size > end && header.file_size <= size) end = header.file_size;
+  if (header.file_size > end && header.file_size <= size) {
+    // A short last chunk, taken only when a second read of the header says
+    // the same (a read during a header rewrite may mix two sizes).
+    uint8_t again[NMB_FILE_HEADER_SIZE];
+    if (read_at(fd, again, sizeof again, 0) && std::memcmp(again, raw, sizeof raw) == 0)
+      end = header.file_size;
+  }
   wrote = export_chunks(f, fd, end) || wrote;
   // Looked at again when the size changes, or, while bytes beyond the last
   // whole chunk wait, every time (the header may declare them later).
@@ -399,15 +407,21 @@ void Follower::wait(int wake_fd) {
 
 void Follower::save_checkpoint() {
   if (options_.checkpoint.empty()) return;
+  nmb_checkpoint_t next;
   for (const auto& f : files_) {
-    if (f->offset == 0) continue;
-    auto it = std::find_if(checkpoint_.files.begin(), checkpoint_.files.end(), [&](const auto& e) {
-      return e.device == f->device && e.inode == f->inode;
-    });
-    if (it == checkpoint_.files.end()) it = checkpoint_.files.emplace(checkpoint_.files.end());
-    *it = {f->path, f->device, f->inode, f->offset};
+    if (f->offset != 0)
+      next.files.push_back({f->path, f->device, f->inode, f->offset, f->first_timestamp});
   }
-  nmb_checkpoint_write(options_.checkpoint, checkpoint_);
+  // Entries of files this run does not see stay while their path exists
+  // (another run's inputs); those of deleted files go.
+  for (const nmb_checkpoint_entry_t& entry : checkpoint_.files) {
+    const bool seen = std::any_of(next.files.begin(), next.files.end(), [&](const auto& e) {
+      return e.device == entry.device && e.inode == entry.inode;
+    });
+    struct stat info {};
+    if (!seen && stat(entry.path.c_str(), &info) == 0) next.files.push_back(entry);
+  }
+  nmb_checkpoint_write(options_.checkpoint, next);
 }
 
 int Follower::run(const std::vector<std::string>& paths, int wake_fd) {

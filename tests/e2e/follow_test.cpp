@@ -232,7 +232,7 @@ TEST_F(FollowE2E, ACheckpointResumesWithNothingLostOrRepeated) {
   EXPECT_EQ(broken.status, 1);
   EXPECT_EQ(broken.out, "");
   EXPECT_EQ(broken.err, "[error] Failed to read checkpoint " + checkpoint +
-                            ": an entry without path, device, inode or offset\n");
+                            ": an entry without path, device, inode, offset or first_timestamp\n");
 }
 
 TEST_F(FollowE2E, FormatsThatCannotFollowAreRefused) {
