@@ -63,6 +63,11 @@ void write_seeds(const std::string& root) {
   put("fuzz_path_template", "hash", text("{{hash16}}/{{node}}_{{port}}/{{id}}.bin\\\\0x1f\\\\t"));
   put("fuzz_counter_set", "set", text("+rx -tx\n^port$\ncaption: +a\n"));
   put("fuzz_field_set", "set", text("[default]\n+name\n[record,outer]\n-value\n[net*]\n+a\n"));
+  put("fuzz_checkpoint", "checkpoint",
+      text("{\"nmb_read_checkpoint\":1,\"files\":[\n{\"path\":\"a.bin\",\"device\":1,"
+           "\"inode\":2,\"offset\":4352,\"first_timestamp\":1700000000000000},\n"
+           "{\"path_hex\":\"ff2f61\",\"device\":1,\"inode\":3,\"offset\":256,"
+           "\"first_timestamp\":0}\n]}\n"));
   put("fuzz_metadata", "metadata",
       text(R"j({"name_match_labels":[{"pattern":"c(\\d+)","labels":{"n":"$1"}}]})j"));
 }
