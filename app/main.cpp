@@ -43,6 +43,8 @@ int main(int argc, char** argv) {
   }
   if (exit_now) return finish_output() ? 0 : 1;
   nmb_init_stderr_logger(options.verbosity);
+  for (const std::string& warning : options.warnings)
+    NMB_LOG(NMB_LOG_WARNING, "%s", warning.c_str());
   if (options.files.empty()) std::fputs("No input files specified\n", stderr);
   nmb_string_array_print(NMB_LOG_DEBUG, options.files, "data file");
   int failed = nmb_run(options);

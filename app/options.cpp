@@ -114,6 +114,7 @@ bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit
       }
       case 's':
         options.schema_path = optarg;
+        options.schema_path_given = true;
         break;
       case 'o':
         options.output_dir = optarg;
@@ -276,6 +277,11 @@ bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, 
       std::fprintf(stderr, "Schema folder not found within %d levels of %s\n", kSchemaSearchDepth,
                    options.files.front().c_str());
       return false;
+    }
+    if (options.schema_path_given) {
+      options.warnings.push_back("Schema folder '" + options.schema_path +
+                                 "' does not exist: using '" + found + "', found near " +
+                                 options.files.front() + ". Name an existing folder with -s");
     }
     options.schema_path = found;
   }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/formats.h"
 #include "utils/string_array.h"
@@ -40,8 +41,12 @@ struct nmb_read_options_t {
   // help text): keep exporting what the inputs gain, and resume from a
   // checkpoint file.
   bool follow = false;
-  double follow_interval = 0.25;  // seconds between looks when not woken sooner
-  std::string checkpoint;         // empty: none
+  double follow_interval = 0.25;   // seconds between looks when not woken sooner
+  std::string checkpoint;          // empty: none
+  bool schema_path_given = false;  // -s was on the command line
+  // Warnings found while the command line was read, logged once the logger
+  // is set up.
+  std::vector<std::string> warnings;
 };
 
 inline constexpr double NMB_MAX_FOLLOW_INTERVAL = 3600;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "app/file_jobs.h"
@@ -186,6 +187,37 @@ size_t job_buffer_cap() {
   return static_cast<size_t>(cap);
 }
 
+// The json document names each file's array by the file's base name (up to
+// its first '.'), and puts ',' before every file's key but the run's first
+// file's: what the rules keep there makes a document that is not JSON, or
+// one that jq reads with arrays lost. Said once per run, after the files.
+void warn_about_json_document(const std::vector<std::string>& paths, const bool* begun) {
+  auto key_of = [](const std::string& path) {
+    const std::string base = path.substr(path.rfind('/') + 1);
+    return base.substr(0, base.find('.'));
+  };
+  for (size_t i = 1; i < paths.size() && !begun[0]; ++i) {
+    if (!begun[i]) continue;
+    NMB_LOG(NMB_LOG_WARNING,
+            "The json output is no valid JSON: the run's first file, %s, failed before its "
+            "records, and the next file's key follows '{' with ','. Use -f ndjson",
+            paths[0].c_str());
+    break;
+  }
+  std::unordered_map<std::string, size_t> first_with_key;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    if (!begun[i]) continue;
+    auto [at, added] = first_with_key.emplace(key_of(paths[i]), i);
+    if (added) continue;
+    NMB_LOG(NMB_LOG_WARNING,
+            "The json output names each file's records by its base name: %s and %s are both "
+            "\"%s\", and a JSON reader such as jq keeps only the last. Use -f ndjson, or files of "
+            "different names",
+            paths[at->second].c_str(), paths[i].c_str(), at->first.c_str());
+    return;
+  }
+}
+
 }  // namespace
 
 bool nmb_parse_sort_order(const char* text, nmb_sort_order_t& order) {
@@ -246,13 +278,15 @@ int nmb_run(const nmb_read_options_t& options) {
     paths = options.files;
   }
   nmb::RunProgress progress(paths.size());
+  // Which files reached their records (each written by its own job).
+  std::unique_ptr<bool[]> begun = std::make_unique<bool[]>(paths.size());
   if (options.follow || !options.checkpoint.empty()) {
     // From the checkpoint on, whole chunks only, one file at a time.
     failed += nmb_run_followed(options, paths, settings, export_with, *sink, std::move(checkpoint));
   } else if (jobs <= 1) {
     // A failed write to standard output ends the run: no further file.
     for (size_t i = 0; i < paths.size() && nmb::output_error() == 0; ++i) {
-      if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0)) ++failed;
+      if (!nmb_process_file(paths[i].c_str(), settings, *sink, i == 0, &begun[i])) ++failed;
       progress.file_done();
     }
   } else {
@@ -261,11 +295,13 @@ int nmb_run(const nmb_read_options_t& options) {
         paths.size(), jobs, job_buffer_cap(), [&](size_t index, nmb::OutputBuffer& file_out) {
           std::unique_ptr<nmb::BlockSink> file_sink =
               nmb_make_block_sink(options.format, export_with, file_out);
-          const bool ok = nmb_process_file(paths[index].c_str(), settings, *file_sink, index == 0);
+          const bool ok = nmb_process_file(paths[index].c_str(), settings, *file_sink, index == 0,
+                                           &begun[index]);
           progress.file_done();
           return ok;
         });
   }
+  if (options.format == NMB_FORMAT_JSON) warn_about_json_document(paths, begun.get());
   sink->end_run(completed);
   out.flush();
   return failed;

@@ -297,11 +297,19 @@ bool DataWriter::open_for_timestamp(OutputState& state, uint64_t first, uint64_t
   const int64_t existing = file_length(state.path);
   if (existing >= 2) {
     NMB_LOG(NMB_LOG_DEBUG, "[data_file] Append data to an existing file %s", state.path.c_str());
+    if (config_.made_by_run && config_.made_by_run->insert(state.path).second) {
+      NMB_LOG(NMB_LOG_WARNING,
+              "[data_file] %s was there before this run: its pages are appended to it, so a "
+              "second export into the same -o folder holds its pages twice. Use an empty -o "
+              "folder",
+              state.path.c_str());
+    }
     state.file_size = static_cast<uint64_t>(existing);
     opened = true;
     return true;
   }
   if (!create_file(state)) return false;
+  if (config_.made_by_run) config_.made_by_run->insert(state.path);
   opened = true;
   return true;
 }

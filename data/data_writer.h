@@ -11,6 +11,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -50,6 +51,9 @@ struct DataWriterConfig {
   // The client: its host name and port name the "node" and "port" variables.
   std::string node;
   uint16_t port = 0;
+  // The files this run has made (shared by the writers of a run's files):
+  // appending to an existing file not among them is warned about once.
+  std::shared_ptr<std::set<std::string>> made_by_run;
 };
 
 class DataWriter {

@@ -431,9 +431,10 @@ bool nmb_reader_allocation_failed(uint64_t size) {
 }
 
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
-                      bool first) {
+                      bool first, bool* data_begun) {
   nmb_reader_context_t reader;
   if (!nmb_reader_begin_file(reader, path, settings, sink, first)) return false;
+  if (data_begun != nullptr) *data_begun = true;
   const bool ok = nmb_reader_process_chunks(reader);
   sink.end_data(ok);
   if (!ok) {
@@ -454,8 +455,14 @@ bool nmb_reader_begin_file(nmb_reader_context_t& reader, const char* path,
 
   errno = 0;
   uint8_t raw[NMB_FILE_HEADER_SIZE];
-  if (gzread(reader.file, raw, NMB_FILE_HEADER_SIZE) != static_cast<int>(NMB_FILE_HEADER_SIZE)) {
+  const int got = gzread(reader.file, raw, NMB_FILE_HEADER_SIZE);
+  if (got != static_cast<int>(NMB_FILE_HEADER_SIZE)) {
     nmb_reader_report(reader, "Failed reading data file header: %s", std::strerror(errno));
+    // The line above names errno, which a short file leaves at "Success".
+    if (got >= 0) {
+      NMB_LOG(NMB_LOG_WARNING, "%s holds %d bytes, fewer than the %zu of a data file header", path,
+              got, NMB_FILE_HEADER_SIZE);
+    }
     return false;
   }
   reader.header = nmb_file_header_decode(raw);

@@ -75,8 +75,10 @@ void nmb_reader_report(nmb_reader_context_t& reader, const char* format, ...)
 
 // Processes one data file into `sink`; `first` is true for the run's first
 // file. False when the file failed.
+// `data_begun`, when given, is set once the file's records begin (its header
+// and schemas passed, begin_data called).
 bool nmb_process_file(const char* path, const nmb_reader_settings_t& settings, nmb::BlockSink& sink,
-                      bool first);
+                      bool first, bool* data_begun = nullptr);
 // The start of nmb_process_file: opens the file, reads and checks its header,
 // loads its schemas (and -M metadata) and tells the sink, up to begin_data.
 // False when the file failed (reported).

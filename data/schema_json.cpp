@@ -141,6 +141,28 @@ std::unique_ptr<nmb_type_definition_t> type_from_json(const nmb::Json& json,
   return type;
 }
 
+// Blocks name their type by its position in the collector's schema: a type
+// the field set leaves out moves every later type down one place, so their
+// blocks are read as other types. Said once per load, with the pairs.
+void warn_shifted_types(const nmb_schema_t& schema, const nmb::Json& types) {
+  std::string pairs;
+  for (uint32_t i = 0; i < schema.num_types && i < types.size(); ++i) {
+    const nmb::Json& original = types[i];
+    if (!original.is_object() || !original.contains("name") || !original["name"].is_string())
+      continue;
+    const std::string& written = original["name"].get_ref<const std::string&>();
+    if (written == schema.types[i]->name) continue;
+    if (!pairs.empty()) pairs += ", ";
+    pairs += "'" + written + "' as '" + schema.types[i]->name + "'";
+  }
+  if (pairs.empty()) return;
+  NMB_LOG(NMB_LOG_WARNING,
+          "The field set leaves types of schema '%s' out, which moves the types after them: "
+          "blocks are read in place of others (%s). Keep every type of the schema in the field "
+          "set and leave types out of the output with -e instead",
+          schema.name.c_str(), pairs.c_str());
+}
+
 void write_value(nmb::JsonWriter& w, const nmb::Json& value) {
   switch (value.type()) {
     case nmb::Json::value_t::object:
@@ -283,6 +305,7 @@ std::unique_ptr<nmb_schema_t> nmb_schema_from_json(const nmb::Json& json,
     ++position;
   }
   *out_skipped = true;
+  if (filter != nullptr) warn_shifted_types(*schema, types);
   if (filter != nullptr && schema->num_types == 0) {
     NMB_LOG(NMB_LOG_DEBUG, "No types found in the schema after filtering by field set");
     return nullptr;

@@ -1,6 +1,7 @@
 #include "export/bin_sink.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstring>
 #include <exception>
 
@@ -34,7 +35,9 @@ BinSink::BinSink(const ExportSettings& settings, OutputBuffer& buffer,
                  DataWriterConfig writer_config, int format_code)
     : TextSink(settings, buffer),
       writer_config_(std::move(writer_config)),
-      format_code_(format_code) {}
+      format_code_(format_code) {
+  writer_config_.made_by_run = std::make_shared<std::set<std::string>>();
+}
 
 bool BinSink::file_opened(const char* path) {
   writer_.reset();
@@ -47,6 +50,7 @@ bool BinSink::file_opened(const char* path) {
   config.port = client_id_.port;
   writer_ = std::make_unique<DataWriter>(std::move(config));
   std::memset(counters_schema_id_, 0, sizeof counters_schema_id_);
+  plain_blocks_ = 0;
   return TextSink::file_opened(path);
 }
 
@@ -59,8 +63,30 @@ void BinSink::header_checked(const nmb_file_header_t& header) {
     writer_->set_initial_schema_ids(header.counters_schema_id, header.event_schema_ids[0]);
 }
 
+bool BinSink::counters_block(ByteView block) {
+  ++plain_blocks_;
+  return TextSink::counters_block(block);
+}
+
+size_t BinSink::events_block(ByteView area) {
+  ++plain_blocks_;
+  return TextSink::events_block(area);
+}
+
+bool BinSink::metrics_block(ByteView block) {
+  ++plain_blocks_;
+  return TextSink::metrics_block(block);
+}
+
 void BinSink::end_data(bool ok) {
   TextSink::end_data(ok);
+  if (plain_blocks_ != 0) {
+    NMB_LOG(NMB_LOG_WARNING,
+            "%s holds %" PRIu64
+            " blocks outside packed pages: -f bin writes the blocks of packed pages only, so "
+            "these are in no output file (counters blocks were printed as txt tables instead)",
+            output().path(), plain_blocks_);
+  }
   if (writer_) {
     const DataWriter::Losses& file = writer_->losses();
     if (losses_.lost == 0 && file.lost > 0) losses_.first = file.first;

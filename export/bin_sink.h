@@ -1,5 +1,5 @@
-// -f bin: every decoded packed page is re-packed into data files under the
-// output folder by the data file writer; blocks of plain chunks print as
+// -f bin: every decoded packed page is written, decoded, into data files under
+// the output folder by the data file writer; blocks of plain chunks print as
 // under -f txt, except event records, which no binary output takes, and
 // metrics blocks, which are refused.
 // Stage: writer.
@@ -28,6 +28,12 @@ class BinSink : public TextSink {
   void end_data(bool ok) override;
   void end_run(bool completed) override;
 
+  // Plain blocks (outside packed pages) are counted, then taken as txt
+  // takes them.
+  bool counters_block(ByteView block) override;
+  size_t events_block(ByteView area) override;
+  bool metrics_block(ByteView block) override;
+
   bool takes_pages() const override { return true; }
   bool data_page(std::span<const uint8_t> payload, ByteView page) override;
 
@@ -44,6 +50,7 @@ class BinSink : public TextSink {
   uint8_t counters_schema_id_[NMB_SCHEMA_ID_SIZE] = {};
   uint32_t file_block_size_ = 0;
   DataWriter::Losses losses_;  // of the run's files
+  uint64_t plain_blocks_ = 0;  // of the current file
 };
 
 }  // namespace nmb

@@ -25,7 +25,8 @@ void InfluxSink::schemas_loaded(const nmb_type_system_t* ts) {
   RecordSink::schemas_loaded(ts);
 }
 
-void InfluxSink::end_data(bool /*ok*/) {
+void InfluxSink::end_data(bool ok) {
+  RecordSink::end_data(ok);
   if (records_without_field_ == 0) return;
   NMB_LOG(NMB_LOG_WARNING,
           "%" PRIu64

@@ -15,7 +15,9 @@ namespace nmb {
 class InfluxSink : public RecordSink {
  public:
   InfluxSink(const ExportSettings& settings, OutputBuffer& buffer)
-      : RecordSink(settings, buffer, false) {}
+      : RecordSink(settings, buffer, false) {
+    events_unbounded_ = true;
+  }
 
   bool file_opened(const char* path) override;
   void header_checked(const nmb_file_header_t& header) override;

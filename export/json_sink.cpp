@@ -9,7 +9,10 @@
 namespace nmb {
 
 JsonSink::JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty)
-    : RecordSink(settings, buffer, pretty), pretty_(pretty) {}
+    : RecordSink(settings, buffer, pretty), pretty_(pretty) {
+  events_unbounded_ = true;
+  metrics_unbounded_ = true;
+}
 
 void JsonSink::schemas_loaded(const nmb_type_system_t* ts) {
   RecordSink::schemas_loaded(ts);
@@ -37,10 +40,17 @@ void JsonSink::begin_data(const char* path, bool first) {
 }
 
 void JsonSink::end_data(bool ok) {
+  RecordSink::end_data(ok);
   if (!pretty_) return;
   // A file that failed leaves its array open.
   if (ok) output().buffer().put(']');
   output().buffer().commit();
+  if (!ok) {
+    NMB_LOG(NMB_LOG_WARNING,
+            "%s failed with its array open, which is kept: the json output is no valid JSON from "
+            "here on. Use -f ndjson, whose every line stands alone",
+            output().path());
+  }
 }
 
 bool JsonSink::write_counters(ByteView block) {

@@ -193,7 +193,8 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
   return true;
 }
 
-void OpenMetricsSink::end_data(bool /*ok*/) {
+void OpenMetricsSink::end_data(bool ok) {
+  RecordSink::end_data(ok);
   if (tally_.unwritable != 0) {
     NMB_LOG(NMB_LOG_WARNING,
             "%" PRIu64

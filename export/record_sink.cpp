@@ -1,5 +1,6 @@
 #include "export/record_sink.h"
 
+#include <cinttypes>
 #include <string>
 
 #include "data/events_block.h"
@@ -24,9 +25,22 @@ RecordSink::~RecordSink() = default;
 
 bool RecordSink::file_opened(const char* path) {
   output_.start_file(path);
+  events_outside_bounds_ = 0;
+  batches_outside_bounds_ = 0;
+  short_values_warned_ = false;
   metadata_ = nullptr;
   schemas_loaded(nullptr);
   return true;
+}
+
+void RecordSink::end_data(bool /*ok*/) {
+  if (events_outside_bounds_ == 0 && batches_outside_bounds_ == 0) return;
+  NMB_LOG(NMB_LOG_WARNING,
+          "%" PRIu64 " event records and %" PRIu64
+          " metrics batches of %s lie outside -g/-l and were exported all the same: the time "
+          "bounds select counters blocks only. Filter records by their time with jq "
+          "(\"header_timestamp\", \"timestamp\"), or use -f openmetrics, which bounds every sample",
+          events_outside_bounds_, batches_outside_bounds_, output_.path());
 }
 
 void RecordSink::header_read(const nmb_file_header_t& header) {
@@ -71,6 +85,17 @@ bool RecordSink::counters_block(ByteView block) {
     nmb_print_counters_block_header(header);
   } else {
     const uint64_t timestamp = block.u64(NMB_COUNTERS_BLOCK_TIMESTAMP);
+    const uint64_t values = block.size() - NMB_COUNTERS_BLOCK_HEADER_SIZE;
+    const uint32_t laid_out = counters_schema()->size;
+    if (values < laid_out && !short_values_warned_) {
+      // Read past the block, the values are zeros.
+      short_values_warned_ = true;
+      NMB_LOG(NMB_LOG_WARNING,
+              "A counters block of %s holds %" PRIu64
+              " value bytes, fewer than the %u its counters schema lays out: the counters past "
+              "them read as 0. A counter set (-C) fits only data collected with it",
+              output_.path(), values, laid_out);
+    }
     if (timestamp >= settings.timestamp_gt && timestamp <= settings.timestamp_lt)
       ok = write_counters(block);
   }
@@ -95,10 +120,13 @@ size_t RecordSink::events_block(ByteView area) {
     stamp.formatted_length = nmb_format_timestamp_into(stamp.value, settings.microsecond_precision,
                                                        stamp.formatted, sizeof stamp.formatted);
   }
+  const bool outside = events_unbounded_ &&
+                       (stamp.value < settings.timestamp_gt || stamp.value > settings.timestamp_lt);
   return nmb_events_block_for_each(block, type->size, area, [&](ByteView record) {
     if (!plan->selected) return true;
     if (write_event(*plan, record, stamp)) {
       output_.count_record();
+      events_outside_bounds_ += outside;
       return true;
     }
     NMB_LOG(NMB_LOG_ERROR, "Failed to print");
@@ -111,8 +139,12 @@ bool RecordSink::metrics_block(ByteView block) {
   std::string error;
   if (!metrics::parse_metrics_payload(block.span(), tables, error)) {
     NMB_LOG(NMB_LOG_ERROR, "failed to parse full block: %s", error.c_str());
-  } else {
-    write_metrics(tables);
+  } else if (write_metrics(tables) && metrics_unbounded_) {
+    const ExportSettings& settings = output_.settings();
+    for (const metrics::BatchRecord& batch : tables.batches) {
+      batches_outside_bounds_ +=
+          batch.timestamp < settings.timestamp_gt || batch.timestamp > settings.timestamp_lt;
+    }
   }
   // Counted whatever was written; a block that failed is logged and reading
   // goes on with the next one.

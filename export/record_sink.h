@@ -33,6 +33,9 @@ class RecordSink : public BlockSink {
   ~RecordSink() override;
 
   bool file_opened(const char* path) override;
+  // Warns (once per file) about event and metrics records exported outside
+  // -g/-l by a format that exports them; a format overriding it calls it.
+  void end_data(bool ok) override;
   void header_read(const nmb_file_header_t& header) override;
   void schemas_loaded(const nmb_type_system_t* ts) override;
   void metadata_loaded(const nmb_metadata_t* metadata) override;
@@ -61,6 +64,12 @@ class RecordSink : public BlockSink {
                            const nmb_header_timestamp_t& ts) = 0;
   virtual bool write_metrics(const metrics::MetricsTables& tables) = 0;
 
+  // The format writes every selected event record (metrics batch) whatever
+  // its time, which -g/-l do not bound: such records are counted and warned
+  // about at the end of the file.
+  bool events_unbounded_ = false;
+  bool metrics_unbounded_ = false;
+
  private:
   // The counters plan of the current schema with the current metadata.
   void compile_counters_plan();
@@ -70,6 +79,10 @@ class RecordSink : public BlockSink {
   const nmb_metadata_t* metadata_ = nullptr;
   nmb_event_plans_t event_plans_;
   nmb_counters_plan_ptr counters_plan_;
+  // Of the current file.
+  uint64_t events_outside_bounds_ = 0;
+  uint64_t batches_outside_bounds_ = 0;
+  bool short_values_warned_ = false;
 };
 
 // The refusal of a plan that cannot be written, logged; true when refused.

@@ -12,6 +12,11 @@ class TextSink : public RecordSink {
   TextSink(const ExportSettings& settings, OutputBuffer& buffer)
       : RecordSink(settings, buffer, false) {}
 
+  bool file_opened(const char* path) override;
+  // Warns once per file when the tables will show counters from other
+  // counters' bytes (they read a counter by its position in its group).
+  void schemas_loaded(const nmb_type_system_t* ts) override;
+
  protected:
   bool write_counters(ByteView block) override;
   bool write_event(const nmb_event_plan_t& plan, ByteView record,
@@ -20,6 +25,9 @@ class TextSink : public RecordSink {
     output().report("Unsupported output format");
     return true;
   }
+
+ private:
+  bool layout_warned_ = false;
 };
 
 }  // namespace nmb
