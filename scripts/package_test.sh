@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/release
 cmake --preset release >/dev/null
-cmake --build "$build" -j2 --target nmb_read >/dev/null
+cmake --build "$build" -j2 --target nmb_read sample_data >/dev/null
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 rm -f "$build"/nmb-read_*.deb
 (cd "$build" && cpack -G DEB >cpack.log 2>&1) || { cat "$build/cpack.log"; exit 1; }
@@ -25,8 +25,11 @@ dpkg -x "$deb" "$root"
 "$root/usr/bin/nmb_read" -V | head -n 1 | grep -qx "Nimbrel binary data reader $version" ||
   fail "nmb_read -V does not report $version"
 
-# The page renders without warnings, names the version and every option.
-page=$root/usr/share/man/man1/nmb_read.1
+# The page is compressed as Debian's are, renders without warnings, names
+# the version and every option.
+page=$root/usr/share/man/man1/nmb_read.1.gz
+[ -f "$page" ] || fail "no compressed manual page"
+gzip -t "$page" || fail "the manual page is not a gzip stream"
 warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null) || fail "man -l failed"
 [ -z "$warnings" ] || fail "man warnings: $warnings"
 text=$(MANWIDTH=80 man -l "$page")
@@ -34,7 +37,8 @@ grep -q "nmb_read $version" <<<"$text" || fail "the page does not name version $
 for option in --help --version --verbose --print-page-info --schema-path --data-dir \
   --timestamp-gt --timestamp-lt --cset-file --fset-file --ignore-missing-filter --metadata \
   --include-counters --exclude-counters --output-dir --format --microsecond-precision \
-  --sort-files --jobs NMB_NO_PROGRESS "EXIT STATUS"; do
+  --sort-files --jobs --follow --follow-interval --checkpoint NMB_NO_PROGRESS "EXIT STATUS" \
+  "BEHAVIOURS KEPT FOR COMPATIBILITY"; do
   grep -q -- "$option" <<<"$text" || fail "the page does not describe $option"
 done
 
@@ -47,4 +51,11 @@ completions=$(cd "$root/work" && bash -c '
   complete_words nmb_read -s s
   complete_words nmb_read --jo' _ "$root/usr/share/bash-completion/completions/nmb_read" 2>/dev/null)
 [ "$completions" = $'ndjson\nschema\n--jobs' ] || fail "completion gave: $completions"
+# The package alone runs the recipes: the first recipe of RECIPES.md, from
+# the installed docs folder, on the installed sample data.
+docs=$root/usr/share/doc/nmb-read
+[ -f "$docs/examples/counters.bin" ] && [ -d "$docs/examples/schema" ] || fail "no sample data"
+recipe=$(cd "$docs" && TZ=UTC PATH="$root/usr/bin:$PATH" bash -c \
+  'nmb_read -s examples/schema -f ndjson examples/counters.bin | wc -l')
+[ "$recipe" = 3 ] || fail "the first recipe gave '$recipe' from the installed files"
 echo "package test: $(basename "$deb") passed"
