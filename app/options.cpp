@@ -14,6 +14,7 @@
 
 #include <zlib.h>
 
+#include "app/shard.h"
 #include "build_info.h"
 #include "nmb_version.h"
 #include "utils/log.h"
@@ -48,7 +49,7 @@ bool append_file(nmb_string_array_t& files, const char* path, bool newline) {
 }
 
 // Long options without a short form.
-enum : int { kFollow = 1000, kFollowInterval, kCheckpoint };
+enum : int { kFollow = 1000, kFollowInterval, kCheckpoint, kShard };
 
 const option kLongOptions[] = {
     {"help", no_argument, nullptr, 'h'},
@@ -73,6 +74,7 @@ const option kLongOptions[] = {
     {"follow", no_argument, nullptr, kFollow},
     {"follow-interval", required_argument, nullptr, kFollowInterval},
     {"checkpoint", required_argument, nullptr, kCheckpoint},
+    {"shard", required_argument, nullptr, kShard},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -196,6 +198,13 @@ bool read_options(int argc, char** argv, nmb_read_options_t& options, bool& exit
         options.follow_interval = seconds;
         break;
       }
+      case kShard:
+        if (!nmb_parse_shard(optarg, options.shard_index, options.shard_count)) {
+          std::fprintf(stderr, "Shard is K/N with 0 <= K < N <= %u, %s is given.", NMB_MAX_SHARDS,
+                       optarg);
+          return false;
+        }
+        break;
       case kCheckpoint:
         if (*optarg == '\0') {
           std::fprintf(stderr, "Checkpoint file name is empty.");
@@ -290,6 +299,14 @@ bool nmb_read_parse_options(int argc, char** argv, nmb_read_options_t& options, 
                  "--follow needs an output format written record by record (ndjson, txt, csv, "
                  "influx or openmetrics), not %s\n",
                  nmb_output_format_name(options.format));
+    return false;
+  }
+  if (options.shard_count != 0 &&
+      (options.follow || nmb_output_format_writes_files(options.format))) {
+    std::fprintf(stderr, "--shard cannot be used with %s: %s\n",
+                 options.follow ? "--follow" : "-f bin",
+                 options.follow ? "files that grow cannot be cut into slices of equal bytes"
+                                : "slices would write pages of one source into the same files");
     return false;
   }
   if (options.follow && options.jobs > 1) {

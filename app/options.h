@@ -41,8 +41,12 @@ struct nmb_read_options_t {
   // help text): keep exporting what the inputs gain, and resume from a
   // checkpoint file.
   bool follow = false;
-  double follow_interval = 0.25;   // seconds between looks when not woken sooner
-  std::string checkpoint;          // empty: none
+  double follow_interval = 0.25;  // seconds between looks when not woken sooner
+  std::string checkpoint;         // empty: none
+  // --shard K/N (outside the help text): only the K-th of N slices of the
+  // input files; shard_count 0 is no slicing.
+  uint32_t shard_index = 0;
+  uint32_t shard_count = 0;
   bool schema_path_given = false;  // -s was on the command line
   // Warnings found while the command line was read, logged once the logger
   // is set up.

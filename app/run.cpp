@@ -16,6 +16,7 @@
 #include "app/follow.h"
 #include "app/formats.h"
 #include "app/progress.h"
+#include "app/shard.h"
 #include "data/format.h"
 #include "data/read_ahead.h"
 #include "data/reader.h"
@@ -277,6 +278,8 @@ int nmb_run(const nmb_read_options_t& options) {
   } else {
     paths = options.files;
   }
+  if (options.shard_count != 0)
+    paths = nmb_shard_paths(paths, options.shard_index, options.shard_count);
   nmb::RunProgress progress(paths.size());
   // Which files reached their records (each written by its own job).
   std::unique_ptr<bool[]> begun = std::make_unique<bool[]>(paths.size());

@@ -30,7 +30,7 @@ _nmb_read() {
       mapfile -t COMPREPLY < <(compgen -f -- "$cur")
       return ;;
     -g | --timestamp-gt | -l | --timestamp-lt | -i | --include-counters | -e | \
-      --exclude-counters | -j | --jobs | --follow-interval)
+      --exclude-counters | -j | --jobs | --follow-interval | --shard)
       return ;;  # a number or a pattern: nothing to offer
     --sort-files)
       # A comma-separated list of keys: complete the last one.
@@ -46,7 +46,7 @@ _nmb_read() {
       -C --cset-file -F --fset-file -I --ignore-missing-filter -M --metadata
       -i --include-counters -e --exclude-counters -o --output-dir -f --format
       -u --microsecond-precision -S --sort-files --sort-files= -j --jobs
-      --follow --follow-interval --checkpoint' -- "$cur")
+      --follow --follow-interval --checkpoint --shard' -- "$cur")
     [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace 2>/dev/null
     return
   fi

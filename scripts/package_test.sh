@@ -37,7 +37,7 @@ grep -q "nmb_read $version" <<<"$text" || fail "the page does not name version $
 for option in --help --version --verbose --print-page-info --schema-path --data-dir \
   --timestamp-gt --timestamp-lt --cset-file --fset-file --ignore-missing-filter --metadata \
   --include-counters --exclude-counters --output-dir --format --microsecond-precision \
-  --sort-files --jobs --follow --follow-interval --checkpoint NMB_NO_PROGRESS "EXIT STATUS" \
+  --sort-files --jobs --follow --follow-interval --checkpoint --shard NMB_NO_PROGRESS "EXIT STATUS" \
   "BEHAVIOURS KEPT FOR COMPATIBILITY"; do
   grep -q -- "$option" <<<"$text" || fail "the page does not describe $option"
 done
@@ -51,6 +51,8 @@ completions=$(cd "$root/work" && bash -c '
   complete_words nmb_read -s s
   complete_words nmb_read --jo' _ "$root/usr/share/bash-completion/completions/nmb_read" 2>/dev/null)
 [ "$completions" = $'ndjson\nschema\n--jobs' ] || fail "completion gave: $completions"
+[ -x "$root/usr/bin/nmb-slurm" ] || fail "no nmb-slurm launcher"
+
 # The package alone runs the recipes: the first recipe of RECIPES.md, from
 # the installed docs folder, on the installed sample data.
 docs=$root/usr/share/doc/nmb-read

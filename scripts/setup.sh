@@ -7,6 +7,7 @@ packages=(cmake ninja-build g++ clang clang-format libclang-rt-14-dev zlib1g-dev
           valgrind  # scripts/memcheck.sh runs the end-to-end tests under valgrind
           influxdb curl  # the Influx output's end-to-end test writes into a real InfluxDB 1.x
           prometheus  # the OpenMetrics output's end-to-end test backfills with promtool
+          slurm-wlm munge  # the cluster launcher's test starts a single-node Slurm
           dpkg-dev file man-db  # the package test: cpack -G DEB with dpkg-shlibdeps, man -l
           jq parallel xz-utils python3  # the recipes of docs/RECIPES.md
           libcjson-dev time bc)  # the benchmark's DOM-per-record baseline, peak RSS, its arithmetic
