@@ -88,7 +88,8 @@ CountersLayout compile_counters_layout(const nmb_counters_schema_t& schema,
                               : counter.counting_type == NMB_COUNTING_TYPE_RUNNING_SUM
                                   ? FamilyType::kCounter
                                   : FamilyType::kGauge;
-      series.family = &families.declare(name, type, counter.description);
+      series.family = &families.declare(name, type);
+      series.help = help_text(counter.description);
       series.labels = std::move(labels.text);
       series.writable = labels.writable;
       layout.series.push_back(std::move(series));
@@ -174,12 +175,12 @@ void write_counters_block(std::string& out, CountersLayout& layout, ByteView val
         if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
         continue;
       }
-      Families::announce(out, *series.family);
+      Families::announce(out, *series.family, series.help);
       out.append(series.prefix);
       if (!text.empty()) out.append(label).push_back('"');
       out.append("} 1");
     } else {
-      Families::announce(out, *series.family);
+      Families::announce(out, *series.family, series.help);
       out.append(series.prefix);
       const uint64_t bits = values.read<uint64_t, false>(r.offset);
       if (series.value == CounterSeries::Value::kUnsigned) {

@@ -31,6 +31,7 @@ struct CounterSeries {
   bool writable = true;  // false: a label value is not valid UTF-8
   Value value = Value::kUnsigned;
   nmb_counter_render_t render;  // its kind with the GUID switch applied
+  std::string help;             // the counter's description (help_text)
   // With the source labels of `CountersLayout::source`: the text before the
   // value ("<sample name>{<labels>} "; a text counter's ends at its labels).
   std::string prefix;

@@ -100,9 +100,10 @@ class Compiler {
     std::string name = base;
     for (unsigned n = 2; !value_names_.insert(name).second; ++n)
       name = base + "_" + std::to_string(n);
-    const std::string help = field.definition != nullptr ? field.definition->description : "";
-    Family& family = families_.declare(name, family_type(field), help);
-    layout_.values.push_back({&family, at, field.kind});
+    Family& family = families_.declare(name, family_type(field));
+    layout_.values.push_back(
+        {&family, help_text(field.definition != nullptr ? field.definition->description : ""), at,
+         field.kind});
   }
 
   EventLayout& layout_;
@@ -225,7 +226,7 @@ void write_event_record(std::string& out, EventLayout& layout, ByteView record, 
   const size_t stamp_length = append_timestamp_into(stamp + 1, time) + 1;
   stamp[stamp_length] = '\n';
   for (const EventLayout::Value& value : layout.values) {
-    Families::announce(out, *value.family);
+    Families::announce(out, *value.family, value.help);
     out.append(value.family->sample_name).append(labels);
     append_number(out, value.kind, record, value.offset);
     out.append(stamp, stamp_length + 1);

@@ -33,6 +33,7 @@ struct EventLayout {
   };
   struct Value {
     Family* family = nullptr;
+    std::string help;  // the field's description (help_text)
     uint64_t offset = 0;
     nmb_value_kind_t kind = nmb_value_kind_t::kU64;
   };

@@ -34,7 +34,13 @@ const char* type_name(FamilyType type) {
 
 }  // namespace
 
-Family& Families::declare(std::string_view name, FamilyType type, std::string_view help) {
+std::string help_text(std::string_view description) {
+  std::string help;
+  if (!append_help(help, description)) help.clear();
+  return help;
+}
+
+Family& Families::declare(std::string_view name, FamilyType type) {
   const std::string_view suffix = suffix_of(type);
   if (!suffix.empty() && name.size() > suffix.size() && name.ends_with(suffix))
     name.remove_suffix(suffix.size());
@@ -50,7 +56,6 @@ Family& Families::declare(std::string_view name, FamilyType type, std::string_vi
   family->name = candidate;
   family->sample_name = candidate + std::string(suffix);
   family->type = type;
-  if (!help.empty() && !append_help(family->help, help)) family->help.clear();
   Family& made = *family;
   taken_.emplace(made.name, &made);
   taken_.emplace(made.sample_name, &made);
@@ -58,11 +63,11 @@ Family& Families::declare(std::string_view name, FamilyType type, std::string_vi
   return made;
 }
 
-void Families::write_header(std::string& out, Family& family) {
+void Families::write_header(std::string& out, Family& family, std::string_view help) {
   out.append("# TYPE ").append(family.name).push_back(' ');
   out.append(type_name(family.type)).push_back('\n');
-  if (!family.help.empty())
-    out.append("# HELP ").append(family.name).append(" ").append(family.help).push_back('\n');
+  if (!help.empty())
+    out.append("# HELP ").append(family.name).append(" ").append(help).push_back('\n');
   family.announced = true;
 }
 

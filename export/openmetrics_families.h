@@ -19,27 +19,30 @@ struct Family {
   std::string name;         // the family's name in # TYPE and # HELP
   std::string sample_name;  // with the type's suffix: _total, _info
   FamilyType type = FamilyType::kGauge;
-  std::string help;  // escaped; empty when there is none
   bool announced = false;
 };
+
+// A description as # HELP text: escaped; empty when it is not valid UTF-8.
+std::string help_text(std::string_view description);
 
 class Families {
  public:
   // The family of `type` named after `name` (a valid metric name). A counter
   // or info name loses a trailing "_total" or "_info" (its samples get it
   // back). A name taken by a family of another type, or by another family's
-  // samples, gets "_2", "_3", ... appended. The first declaration's help
-  // stays (`help` is the unescaped text; one that is not valid UTF-8 is
-  // left out).
-  Family& declare(std::string_view name, FamilyType type, std::string_view help);
+  // samples, gets "_2", "_3", ... appended.
+  Family& declare(std::string_view name, FamilyType type);
 
-  // Appends the family's # TYPE and # HELP lines the first time.
-  static void announce(std::string& out, Family& family) {
-    if (!family.announced) write_header(out, family);
+  // Appends the family's # TYPE line and, when `help` (escaped, see
+  // help_text) is not empty, its # HELP line, the first time: the help is
+  // that of the series whose sample comes first, which a slice of the run
+  // (--shard) that holds that sample gives too.
+  static void announce(std::string& out, Family& family, std::string_view help = {}) {
+    if (!family.announced) write_header(out, family, help);
   }
 
  private:
-  static void write_header(std::string& out, Family& family);
+  static void write_header(std::string& out, Family& family, std::string_view help);
 
   // Family names and sample names, each to the family that uses it.
   std::unordered_map<std::string, Family*> taken_;

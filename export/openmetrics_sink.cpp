@@ -166,7 +166,7 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
         if (family == nullptr)
           family = &families_->declare(
               om::valid_name(tables.metric_names[batch.samples.front().sample_id], false),
-              counter ? om::FamilyType::kCounter : om::FamilyType::kGauge, {});
+              counter ? om::FamilyType::kCounter : om::FamilyType::kGauge);
         tally_.first_unwritable = family;
       }
       tally_.unwritable += batch.samples.size();
@@ -177,9 +177,8 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
     for (const metrics::Sample& sample : batch.samples) {
       om::Family*& family = by_id[sample.sample_id];
       if (family == nullptr) {
-        family =
-            &families_->declare(om::valid_name(tables.metric_names[sample.sample_id], false),
-                                counter ? om::FamilyType::kCounter : om::FamilyType::kGauge, {});
+        family = &families_->declare(om::valid_name(tables.metric_names[sample.sample_id], false),
+                                     counter ? om::FamilyType::kCounter : om::FamilyType::kGauge);
       }
       om::Families::announce(out, *family);
       om::append_series(out, *family, source_labels_, labels[b].text);

@@ -55,16 +55,16 @@ TEST(OpenMetricsText, NumbersAreExactBelowTwoToTheFiftyThird) {
 
 TEST(OpenMetricsFamilies, NamesNeverClashAcrossTypes) {
   om::Families families;
-  om::Family& rx = families.declare("rx_total", om::FamilyType::kCounter, "Bytes\n");
+  om::Family& rx = families.declare("rx_total", om::FamilyType::kCounter);
   EXPECT_EQ(rx.name, "rx");
   EXPECT_EQ(rx.sample_name, "rx_total");
-  EXPECT_EQ(&families.declare("rx", om::FamilyType::kCounter, "other"), &rx);
+  EXPECT_EQ(&families.declare("rx", om::FamilyType::kCounter), &rx);
   // A gauge may not take the counter's name nor its samples' name.
-  EXPECT_EQ(families.declare("rx", om::FamilyType::kGauge, {}).name, "rx_2");
-  EXPECT_EQ(families.declare("rx_total", om::FamilyType::kGauge, {}).name, "rx_total_2");
+  EXPECT_EQ(families.declare("rx", om::FamilyType::kGauge).name, "rx_2");
+  EXPECT_EQ(families.declare("rx_total", om::FamilyType::kGauge).name, "rx_total_2");
   std::string out;
-  om::Families::announce(out, rx);
-  om::Families::announce(out, rx);
+  om::Families::announce(out, rx, om::help_text("Bytes\n"));
+  om::Families::announce(out, rx, "other");
   EXPECT_EQ(out, "# TYPE rx counter\n# HELP rx Bytes\\n\n");
 
   om::LabelText labels;
