@@ -110,6 +110,11 @@ struct Followed {
   bool begun = false;
   bool done = false;  // failed, or a gzip-compressed file exported whole
   bool waiting_reported = false;
+  bool taken_as_new = false;  // begun before: waits for a valid header again
+  // The header checked last, and what the check said.
+  uint8_t checked_header[NMB_FILE_HEADER_SIZE] = {};
+  bool checked = false;
+  bool checked_valid = false;
   std::unique_ptr<nmb::BlockSink> own_sink;  // --follow: the file's own sink
   std::unique_ptr<nmb_reader_context_t> reader;
 };
@@ -200,6 +205,7 @@ void Follower::take_as_new(Followed& f, const char* why) {
   NMB_LOG(NMB_LOG_WARNING, "%s %s: the file is taken as new", f.path.c_str(), why);
   if (f.begun) finish(f, true);
   f.begun = false;
+  f.taken_as_new = true;
   f.offset = 0;
   f.seen_size = 0;
 }
@@ -351,8 +357,13 @@ bool Follower::pump(Followed& f) {
   }
   const nmb_file_header_t header =
       nmb_file_header_decode(std::span<const uint8_t, NMB_FILE_HEADER_SIZE>(raw));
-  const bool valid = has_header && nmb_check_file_header(raw) &&
-                     header.block_size >= NMB_MIN_BLOCK_SIZE &&
+  // The check logs why a header is refused: once per header, not per look.
+  if (has_header && (!f.checked || std::memcmp(raw, f.checked_header, sizeof raw) != 0)) {
+    std::memcpy(f.checked_header, raw, sizeof raw);
+    f.checked = true;
+    f.checked_valid = nmb_check_file_header(raw);
+  }
+  const bool valid = has_header && f.checked_valid && header.block_size >= NMB_MIN_BLOCK_SIZE &&
                      header.block_size < NMB_MAX_BLOCK_SIZE_BOUND;
   if (f.begun && (!valid || header.block_size != f.reader->header.block_size ||
                   std::memcmp(header.event_schema_ids, f.reader->header.event_schema_ids,
@@ -361,10 +372,11 @@ bool Follower::pump(Followed& f) {
                               sizeof header.counters_schema_id) != 0)) {
     take_as_new(f, valid ? "changed its layout" : "has no valid header any more");
   }
-  if (!f.begun && !valid && options_.follow && !has_header) {
-    close(fd);  // being written: looked at again when it grows
+  if (!f.begun && !valid && options_.follow && (!has_header || f.taken_as_new)) {
+    close(fd);  // being written: looked at again when it changes
     return false;
   }
+  f.taken_as_new = false;
   if (!f.begun) {
     chunk_.resize(std::max<size_t>(chunk_.size(), valid ? header.block_size : 0));
     if (!begin(f, fd, info, header)) {

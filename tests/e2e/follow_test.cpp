@@ -235,6 +235,43 @@ TEST_F(FollowE2E, ACheckpointResumesWithNothingLostOrRepeated) {
                             ": an entry without path, device, inode, offset or first_timestamp\n");
 }
 
+TEST_F(FollowE2E, AFileReplacedOrWithABrokenHeaderIsTakenAsNew) {
+  GrowingFile a(dir_.file("data/a.bin"), counters_, "a", 2, kT0);
+  a.append(2);
+  Follower follower(dir_.path(), follow_args({a.path()}));
+  ASSERT_TRUE(follower.wait_for_lines(2)) << follower.err();
+  // A header that turns invalid: nothing until it is valid again, then the
+  // file is exported anew.
+  const ByteVec good = read_file(a.path());
+  ByteVec broken = good;
+  broken[0] = 'X';
+  broken.resize(good.size() + kBlockSize, 0);  // and a look at the file
+  {
+    const int fd = open(a.path().c_str(), O_WRONLY);
+    ASSERT_EQ(pwrite(fd, broken.data(), broken.size(), 0), static_cast<ssize_t>(broken.size()));
+    close(fd);
+  }
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(follower.output_lines(), 2u);
+  {
+    const int fd = open(a.path().c_str(), O_WRONLY);
+    ASSERT_EQ(pwrite(fd, good.data(), 256, 0), 256);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(good.size())), 0);
+    close(fd);
+  }
+  ASSERT_TRUE(follower.wait_for_lines(4)) << follower.err();
+  // Another file at the path: exported from its start too.
+  GrowingFile b(dir_.file("b.bin"), counters_, "b", 1, kT0 + 50);
+  b.append(1);
+  std::filesystem::rename(b.path(), a.path());
+  ASSERT_TRUE(follower.wait_for_lines(5)) << follower.err();
+  EXPECT_EQ(follower.stop(), 0);
+  EXPECT_EQ(follower.err(), "[error] Wrong data page magic number.\n[warning] " + a.path() +
+                                " has no valid header any more: the file is taken as new\n"
+                                "[warning] " +
+                                a.path() + " was replaced: the file is taken as new\n");
+}
+
 TEST_F(FollowE2E, FormatsThatCannotFollowAreRefused) {
   for (const char* format : {"json", "bin"}) {
     RunResult r = run({"-f", format, "-o", dir_.path(), "--follow", dir_.file("x.bin")});
