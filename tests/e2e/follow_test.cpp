@@ -272,6 +272,18 @@ TEST_F(FollowE2E, AFileReplacedOrWithABrokenHeaderIsTakenAsNew) {
                                 a.path() + " was replaced: the file is taken as new\n");
 }
 
+TEST_F(FollowE2E, ANamedFileThatDoesNotExistYetIsWaitedFor) {
+  const std::string later = dir_.file("later/a.bin");
+  std::filesystem::create_directories(dir_.file("later"));
+  Follower follower(dir_.path(), follow_args({later}));
+  std::this_thread::sleep_for(200ms);
+  GrowingFile a(later, counters_, "a", 2, kT0);
+  a.append(2);
+  ASSERT_TRUE(follower.wait_for_lines(2)) << follower.err();
+  EXPECT_EQ(follower.stop(), 0);
+  EXPECT_EQ(follower.err(), "[info] Waiting for " + later + "\n");
+}
+
 TEST_F(FollowE2E, FormatsThatCannotFollowAreRefused) {
   for (const char* format : {"json", "bin"}) {
     RunResult r = run({"-f", format, "-o", dir_.path(), "--follow", dir_.file("x.bin")});
