@@ -54,7 +54,7 @@ mkdir -p "$data/sample" "$data/bench"
 for set in sample bench; do
   for file in "$data/$set"/*.bin "$data/$set"/*.gz; do
     [ -e "$file" ] || continue
-    for format in json ndjson txt csv influx bin; do
+    for format in json ndjson txt csv influx bin openmetrics; do
       for flags in "" -u -p; do
         # shellcheck disable=SC2086
         compare_run -v 6 -s "$data/$set/schema" -o out -f $format $flags "$file"

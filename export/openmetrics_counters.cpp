@@ -1,10 +1,12 @@
 #include "export/openmetrics_counters.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 #include <string_view>
 #include <utility>
 
+#include "export/value_format.h"
 #include "filter/metadata.h"
 #include "utils/openmetrics_text.h"
 
@@ -15,6 +17,8 @@ namespace {
 using Kind = nmb_counter_render_kind_t;
 
 constexpr std::string_view kPrefix = "nmb_counters_";
+// " <seconds>.<millis>\n": 20 digits at most, the point, three decimals.
+constexpr size_t kTimeRoom = 32;
 
 CounterSeries::Value value_of(Kind kind) {
   switch (kind) {
@@ -145,11 +149,68 @@ std::string_view text_value(const nmb_counter_render_t& r, const ByteView& value
 void bind_source(CountersLayout& layout, const std::string& source_labels) {
   layout.source = source_labels;
   layout.bound = true;
+  layout.room = 0;
   for (CounterSeries& series : layout.series) {
     series.prefix.clear();
     append_series(series.prefix, *series.family, source_labels, series.labels);
-    if (series.value == CounterSeries::Value::kText) series.prefix.resize(series.prefix.size() - 2);
+    size_t value_room = kValueRoom;
+    if (series.value == CounterSeries::Value::kText) {
+      series.prefix.resize(series.prefix.size() - 2);
+      // ",value=\"" + the text escaped (twice its bytes at most) + "\"} 1".
+      const size_t text =
+          series.render.kind == Kind::kString ? series.render.length : NMB_VALUE_TEXT_ROOM;
+      value_room = 8 + 2 * text + 4;
+    }
+    layout.room += series.prefix.size() + value_room + kTimeRoom;
   }
+}
+
+// Writes the block's lines at `at` (the layout's room); returns the end.
+char* write_lines(char* at, const CountersLayout& layout, const ByteView& values,
+                  std::string_view time, Scratch& scratch, SampleTally& tally) {
+  for (const CounterSeries& series : layout.series) {
+    if (!series.writable) {
+      if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
+      continue;
+    }
+    char* const line = at;
+    at = std::copy_n(series.prefix.data(), series.prefix.size(), at);
+    const nmb_counter_render_t& r = series.render;
+    const uint64_t bits =
+        series.value == CounterSeries::Value::kText ? 0 : values.read<uint64_t, false>(r.offset);
+    switch (series.value) {
+      case CounterSeries::Value::kUnsigned:
+        at = write_unsigned(at, bits);
+        break;
+      case CounterSeries::Value::kSigned:
+        at = write_signed(at, static_cast<int64_t>(bits));
+        break;
+      case CounterSeries::Value::kDouble: {
+        double value;
+        std::memcpy(&value, &bits, sizeof value);
+        at = write_double(at, value);
+        break;
+      }
+      case CounterSeries::Value::kText: {
+        const std::string_view text = text_value(r, values, scratch.format);
+        if (!text.empty()) {
+          at = std::copy_n(",value=\"", 8, at);
+          at = write_label_value(at, text);
+          if (at == nullptr) {
+            if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
+            at = line;
+            continue;
+          }
+          *at++ = '"';
+        }
+        at = std::copy_n("} 1", 3, at);
+        break;
+      }
+    }
+    at = std::copy_n(time.data(), time.size(), at);
+    ++tally.written;
+  }
+  return at;
 }
 
 }  // namespace
@@ -158,44 +219,22 @@ void write_counters_block(std::string& out, CountersLayout& layout, ByteView val
                           uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
                           SampleTally& tally) {
   if (!layout.bound || layout.source != source_labels) bind_source(layout, source_labels);
-  char time[32] = {' '};
+  char time[kTimeRoom] = {' '};
   const size_t time_length = append_timestamp_into(time + 1, timestamp) + 1;
   time[time_length] = '\n';
-  for (const CounterSeries& series : layout.series) {
-    if (!series.writable) {
-      if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
-      continue;
+  const std::string_view line_end(time, time_length + 1);
+  if (!layout.announced) {
+    // Every family announced before its first line; then the block is
+    // written as the others are.
+    for (const CounterSeries& series : layout.series) {
+      if (series.writable) Families::announce(out, *series.family, series.help);
     }
-    const nmb_counter_render_t& r = series.render;
-    if (series.value == CounterSeries::Value::kText) {
-      const std::string_view text = text_value(r, values, scratch.format);
-      std::string& label = scratch.label;
-      label.assign(",value=\"");
-      if (!append_label_value(label, text)) {
-        if (tally.unwritable++ == 0) tally.first_unwritable = series.family;
-        continue;
-      }
-      Families::announce(out, *series.family, series.help);
-      out.append(series.prefix);
-      if (!text.empty()) out.append(label).push_back('"');
-      out.append("} 1");
-    } else {
-      Families::announce(out, *series.family, series.help);
-      out.append(series.prefix);
-      const uint64_t bits = values.read<uint64_t, false>(r.offset);
-      if (series.value == CounterSeries::Value::kUnsigned) {
-        append_unsigned(out, bits);
-      } else if (series.value == CounterSeries::Value::kSigned) {
-        append_signed(out, static_cast<int64_t>(bits));
-      } else {
-        double value;
-        std::memcpy(&value, &bits, sizeof value);
-        append_double(out, value);
-      }
-    }
-    out.append(time, time_length + 1);
-    ++tally.written;
+    layout.announced = true;
   }
+  const size_t start = out.size();
+  out.resize(start + layout.room);
+  char* end = write_lines(out.data() + start, layout, values, line_end, scratch, tally);
+  out.resize(static_cast<size_t>(end - out.data()));
 }
 
 }  // namespace nmb::openmetrics

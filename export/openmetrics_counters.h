@@ -41,6 +41,10 @@ struct CountersLayout {
   std::vector<CounterSeries> series;  // in counter order
   std::string source;                 // the source labels the prefixes are made with
   bool bound = false;
+  // The most text a block's lines take (with the source bound), and whether
+  // the families have been announced (before the first block).
+  size_t room = 0;
+  bool announced = false;
 };
 
 // The series of every counter of `schema`. With `metadata`, a counter named

@@ -41,6 +41,10 @@ struct EventLayout {
   std::vector<Value> values;
   int64_t time_offset = -1;  // a top-level timestamp field; -1: the block's time
   RecordSeq seq;             // records with one time and one label set
+  // Set with the first record: the families announced, and the bytes of
+  // the values' sample names.
+  bool announced = false;
+  size_t names_room = 0;
 };
 
 // The layout of records of `plan` (a plan that is not refused).

@@ -1,5 +1,6 @@
 #include "utils/openmetrics_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -18,13 +19,6 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-template <typename T>
-void append_number(std::string& out, T value) {
-  char text[32];
-  const auto r = std::to_chars(text, text + sizeof text, value);
-  out.append(text, r.ptr);
-}
-
 }  // namespace
 
 std::string valid_name(std::string_view text, bool label) {
@@ -39,24 +33,35 @@ std::string valid_name(std::string_view text, bool label) {
   return name;
 }
 
-bool append_label_value(std::string& out, std::string_view value) {
-  if (!json_is_valid_utf8(value.data(), value.size())) return false;
+char* write_label_value(char* at, std::string_view value) {
+  if (!json_is_valid_utf8(value.data(), value.size())) return nullptr;
   for (char c : value) {
     switch (c) {
       case '\\':
-        out.append("\\\\");
+        *at++ = '\\';
+        *at++ = '\\';
         break;
       case '"':
-        out.append("\\\"");
+        *at++ = '\\';
+        *at++ = '"';
         break;
       case '\n':
-        out.append("\\n");
+        *at++ = '\\';
+        *at++ = 'n';
         break;
       default:
-        out.push_back(c);
+        *at++ = c;
     }
   }
-  return true;
+  return at;
+}
+
+bool append_label_value(std::string& out, std::string_view value) {
+  const size_t mark = out.size();
+  out.resize(mark + 2 * value.size());
+  char* end = write_label_value(out.data() + mark, value);
+  out.resize(end != nullptr ? static_cast<size_t>(end - out.data()) : mark);
+  return end != nullptr;
 }
 
 bool append_help(std::string& out, std::string_view help) {
@@ -73,30 +78,36 @@ bool append_help(std::string& out, std::string_view help) {
   return true;
 }
 
+char* write_unsigned(char* at, uint64_t value) {
+  if (value < kExactBound) return std::to_chars(at, at + kValueRoom, value).ptr;
+  return std::to_chars(at, at + kValueRoom, static_cast<double>(value)).ptr;
+}
+
+char* write_signed(char* at, int64_t value) {
+  if (value > -static_cast<int64_t>(kExactBound) && value < static_cast<int64_t>(kExactBound))
+    return std::to_chars(at, at + kValueRoom, value).ptr;
+  return std::to_chars(at, at + kValueRoom, static_cast<double>(value)).ptr;
+}
+
+char* write_double(char* at, double value) {
+  if (std::isnan(value)) return std::copy_n("NaN", 3, at);
+  if (std::isinf(value)) return std::copy_n(value > 0 ? "+Inf" : "-Inf", 4, at);
+  return std::to_chars(at, at + kValueRoom, value).ptr;
+}
+
 void append_unsigned(std::string& out, uint64_t value) {
-  if (value < kExactBound) {
-    append_number(out, value);
-  } else {
-    append_number(out, static_cast<double>(value));
-  }
+  char text[kValueRoom];
+  out.append(text, write_unsigned(text, value));
 }
 
 void append_signed(std::string& out, int64_t value) {
-  if (value > -static_cast<int64_t>(kExactBound) && value < static_cast<int64_t>(kExactBound)) {
-    append_number(out, value);
-  } else {
-    append_number(out, static_cast<double>(value));
-  }
+  char text[kValueRoom];
+  out.append(text, write_signed(text, value));
 }
 
 void append_double(std::string& out, double value) {
-  if (std::isnan(value)) {
-    out.append("NaN");
-  } else if (std::isinf(value)) {
-    out.append(value > 0 ? "+Inf" : "-Inf");
-  } else {
-    append_number(out, value);
-  }
+  char text[kValueRoom];
+  out.append(text, write_double(text, value));
 }
 
 size_t append_timestamp_into(char* at, uint64_t microseconds) {

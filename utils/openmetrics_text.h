@@ -32,6 +32,16 @@ void append_unsigned(std::string& out, uint64_t value);
 void append_signed(std::string& out, int64_t value);
 void append_double(std::string& out, double value);
 
+// The same written at `at` (kValueRoom bytes of room); return the end.
+inline constexpr size_t kValueRoom = 32;
+char* write_unsigned(char* at, uint64_t value);
+char* write_signed(char* at, int64_t value);
+char* write_double(char* at, double value);
+
+// A label value escaped at `at` (room for twice its bytes); the end, or
+// nullptr when it is not valid UTF-8.
+char* write_label_value(char* at, std::string_view value);
+
 // A timestamp in microseconds as seconds with three decimals (the
 // milliseconds Prometheus keeps; the microseconds are cut, not rounded).
 void append_timestamp(std::string& out, uint64_t microseconds);
