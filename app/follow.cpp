@@ -308,7 +308,20 @@ bool Follower::export_chunks(Followed& f, int fd, uint64_t end) {
 
 // Exports what the file has gained in whole chunks; true when it wrote.
 bool Follower::pump(Followed& f) {
-  if (f.done) return false;
+  if (f.done) {
+    // A file that failed, or was exported whole, stays done until another
+    // file takes its path.
+    struct stat now {};
+    if (!options_.follow || f.inode == 0 || stat(f.path.c_str(), &now) != 0 ||
+        (now.st_dev == f.device && now.st_ino == f.inode))
+      return false;
+    NMB_LOG(NMB_LOG_WARNING, "%s was replaced: the file is taken as new", f.path.c_str());
+    f.done = false;
+    f.begun = false;
+    f.offset = 0;
+    f.seen_size = 0;
+    f.checked = false;
+  }
   struct stat info {};
   const int fd = open(f.path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -357,14 +370,18 @@ bool Follower::pump(Followed& f) {
   }
   const nmb_file_header_t header =
       nmb_file_header_decode(std::span<const uint8_t, NMB_FILE_HEADER_SIZE>(raw));
-  // The check logs why a header is refused: once per header, not per look.
-  if (has_header && (!f.checked || std::memcmp(raw, f.checked_header, sizeof raw) != 0)) {
+  // The header of a file not begun yet is checked (and refused) by the
+  // reader as it begins the file; a begun file's, or one taken as new, here,
+  // logging why it is refused once per header text, not at every look.
+  const bool check = f.begun || f.taken_as_new;
+  if (check && has_header && (!f.checked || std::memcmp(raw, f.checked_header, sizeof raw) != 0)) {
     std::memcpy(f.checked_header, raw, sizeof raw);
     f.checked = true;
     f.checked_valid = nmb_check_file_header(raw);
   }
-  const bool valid = has_header && f.checked_valid && header.block_size >= NMB_MIN_BLOCK_SIZE &&
-                     header.block_size < NMB_MAX_BLOCK_SIZE_BOUND;
+  const bool sized =
+      header.block_size >= NMB_MIN_BLOCK_SIZE && header.block_size < NMB_MAX_BLOCK_SIZE_BOUND;
+  const bool valid = check && has_header && f.checked_valid && sized;
   if (f.begun && (!valid || header.block_size != f.reader->header.block_size ||
                   std::memcmp(header.event_schema_ids, f.reader->header.event_schema_ids,
                               sizeof header.event_schema_ids) != 0 ||
@@ -378,7 +395,7 @@ bool Follower::pump(Followed& f) {
   }
   f.taken_as_new = false;
   if (!f.begun) {
-    chunk_.resize(std::max<size_t>(chunk_.size(), valid ? header.block_size : 0));
+    chunk_.resize(std::max<size_t>(chunk_.size(), sized ? header.block_size : 0));
     if (!begin(f, fd, info, header)) {
       close(fd);
       return true;  // its report was written

@@ -255,8 +255,8 @@ TEST_F(FollowE2E, AFileReplacedOrWithABrokenHeaderIsTakenAsNew) {
   EXPECT_EQ(follower.output_lines(), 2u);
   {
     const int fd = open(a.path().c_str(), O_WRONLY);
-    ASSERT_EQ(pwrite(fd, good.data(), 256, 0), 256);
     ASSERT_EQ(ftruncate(fd, static_cast<off_t>(good.size())), 0);
+    ASSERT_EQ(pwrite(fd, good.data(), 256, 0), 256);
     close(fd);
   }
   ASSERT_TRUE(follower.wait_for_lines(4)) << follower.err();
