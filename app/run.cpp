@@ -20,6 +20,7 @@
 #include "data/format.h"
 #include "data/read_ahead.h"
 #include "data/reader.h"
+#include "export/json_sink.h"
 #include "utils/env.h"
 #include "utils/log.h"
 #include "utils/numbers.h"
@@ -193,10 +194,6 @@ size_t job_buffer_cap() {
 // file's: what the rules keep there makes a document that is not JSON, or
 // one that jq reads with arrays lost. Said once per run, after the files.
 void warn_about_json_document(const std::vector<std::string>& paths, const bool* begun) {
-  auto key_of = [](const std::string& path) {
-    const std::string base = path.substr(path.rfind('/') + 1);
-    return base.substr(0, base.find('.'));
-  };
   for (size_t i = 1; i < paths.size() && !begun[0]; ++i) {
     if (!begun[i]) continue;
     NMB_LOG(NMB_LOG_WARNING,
@@ -205,16 +202,18 @@ void warn_about_json_document(const std::vector<std::string>& paths, const bool*
             paths[0].c_str());
     break;
   }
-  std::unordered_map<std::string, size_t> first_with_key;
+  std::unordered_map<std::string_view, size_t> first_with_key;
   for (size_t i = 0; i < paths.size(); ++i) {
     if (!begun[i]) continue;
-    auto [at, added] = first_with_key.emplace(key_of(paths[i]), i);
+    auto [at, added] = first_with_key.emplace(nmb::json_file_key(paths[i]), i);
     if (added) continue;
-    NMB_LOG(NMB_LOG_WARNING,
-            "The json output names each file's records by its base name: %s and %s are both "
-            "\"%s\", and a JSON reader such as jq keeps only the last. Use -f ndjson, or files of "
-            "different names",
-            paths[at->second].c_str(), paths[i].c_str(), at->first.c_str());
+    NMB_LOG(
+        NMB_LOG_WARNING,
+        "The json output names each file's records by its base name: %s and %s are both "
+        "\"%.*s\", and a JSON reader such as jq keeps only the last. Use -f ndjson, or files of "
+        "different names",
+        paths[at->second].c_str(), paths[i].c_str(), static_cast<int>(at->first.size()),
+        at->first.data());
     return;
   }
 }

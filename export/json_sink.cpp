@@ -8,6 +8,11 @@
 
 namespace nmb {
 
+std::string_view json_file_key(std::string_view path) {
+  const std::string_view base = path.substr(path.rfind('/') + 1);
+  return base.substr(0, base.find('.'));
+}
+
 JsonSink::JsonSink(const ExportSettings& settings, OutputBuffer& buffer, bool pretty)
     : RecordSink(settings, buffer, pretty), pretty_(pretty) {
   events_unbounded_ = true;
@@ -32,10 +37,8 @@ void JsonSink::begin_data(const char* path, bool first) {
   if (!pretty_) return;
   OutputBuffer& out = output().buffer();
   if (!first) out.put(',');
-  // The file's base name, cut before its first '.'.
-  const char* base = std::strrchr(path, '/');
-  base = base != nullptr ? base + 1 : path;
-  out.printf("\"%.*s\":[", static_cast<int>(std::strcspn(base, ".")), base);
+  const std::string_view key = json_file_key(path);
+  out.printf("\"%.*s\":[", static_cast<int>(key.size()), key.data());
   out.commit();
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <string_view>
 
 #include "export/event_json_layout.h"
 #include "export/record_sink.h"
@@ -32,5 +33,9 @@ class JsonSink : public RecordSink {
   const bool pretty_;                 // json; ndjson otherwise
   nmb_event_json_layouts_t layouts_;  // of the event plans
 };
+
+// The name under which json puts a file's records: its base name, cut
+// before its first '.'.
+std::string_view json_file_key(std::string_view path);
 
 }  // namespace nmb

@@ -17,8 +17,6 @@ namespace {
 using Kind = nmb_counter_render_kind_t;
 
 constexpr std::string_view kPrefix = "nmb_counters_";
-// " <seconds>.<millis>\n": 20 digits at most, the point, three decimals.
-constexpr size_t kTimeRoom = 32;
 
 CounterSeries::Value value_of(Kind kind) {
   switch (kind) {
@@ -103,10 +101,10 @@ CountersLayout compile_counters_layout(const nmb_counters_schema_t& schema,
 }
 
 void append_series(std::string& out, const Family& family, std::string_view source_labels,
-                   std::string_view labels, std::string_view more) {
+                   std::string_view labels) {
   out.append(family.sample_name);
   const size_t open = out.size();
-  out.append(source_labels).append(labels).append(more);
+  out.append(source_labels).append(labels);
   if (out.size() != open) {
     out[open] = '{';
     out.push_back('}');
@@ -128,15 +126,14 @@ std::string_view text_value(const nmb_counter_render_t& r, const ByteView& value
   if ((r.kind == Kind::kUnsigned128 || r.kind == Kind::kSigned128) &&
       r.format != NMB_STRING_FORMAT_HEXADECIMAL && r.format != NMB_STRING_FORMAT_UUID &&
       r.format != NMB_STRING_FORMAT_BINARY) {
-    // The plain hex digits json shows, without its warning per value.
+    // The plain hex digits json shows: the hexadecimal form without its
+    // "0x", which skips the warning the json output gives per value.
     uint8_t bytes[16];
     values.copy(r.offset, bytes, sizeof bytes);
-    format.clear();
-    for (uint8_t byte : bytes) {
-      format.push_back("0123456789abcdef"[byte >> 4]);
-      format.push_back("0123456789abcdef"[byte & 15]);
-    }
-    return format;
+    format.resize(NMB_VALUE_TEXT_ROOM);
+    const size_t length =
+        nmb_format_uint128_into(bytes, NMB_STRING_FORMAT_HEXADECIMAL, format.data());
+    return std::string_view(format).substr(2, length - 2);
   }
   format.resize(nmb_counter_value_room(r, values));
   char* end = nmb_counter_value_write_any<false>(format.data(), r, values, false);
@@ -161,7 +158,7 @@ void bind_source(CountersLayout& layout, const std::string& source_labels) {
           series.render.kind == Kind::kString ? series.render.length : NMB_VALUE_TEXT_ROOM;
       value_room = 8 + 2 * text + 4;
     }
-    layout.room += series.prefix.size() + value_room + kTimeRoom;
+    layout.room += series.prefix.size() + value_room + kLineEndRoom;
   }
 }
 
@@ -208,7 +205,6 @@ char* write_lines(char* at, const CountersLayout& layout, const ByteView& values
       }
     }
     at = std::copy_n(time.data(), time.size(), at);
-    ++tally.written;
   }
   return at;
 }
@@ -219,10 +215,8 @@ void write_counters_block(std::string& out, CountersLayout& layout, ByteView val
                           uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
                           SampleTally& tally) {
   if (!layout.bound || layout.source != source_labels) bind_source(layout, source_labels);
-  char time[kTimeRoom] = {' '};
-  const size_t time_length = append_timestamp_into(time + 1, timestamp) + 1;
-  time[time_length] = '\n';
-  const std::string_view line_end(time, time_length + 1);
+  char time[kLineEndRoom];
+  const std::string_view line_end(time, write_line_end(time, timestamp));
   if (!layout.announced) {
     // Every family announced before its first line; then the block is
     // written as the others are.

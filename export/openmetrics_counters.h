@@ -54,9 +54,8 @@ CountersLayout compile_counters_layout(const nmb_counters_schema_t& schema,
                                        const nmb_metadata_t* metadata, Families& families,
                                        bool guid_switch);
 
-// Counts what a block could not write.
+// Counts what a file could not write.
 struct SampleTally {
-  uint64_t written = 0;
   uint64_t unwritable = 0;  // samples whose labels cannot be written
   const Family* first_unwritable = nullptr;
 };
@@ -73,9 +72,9 @@ void write_counters_block(std::string& out, CountersLayout& layout, ByteView val
                           uint64_t timestamp, const std::string& source_labels, Scratch& scratch,
                           SampleTally& tally);
 
-// Appends "<sample name>{<labels>} " for a series, the labels being the
+// Appends "<sample name>{<labels>} " for a series, the labels being the two
 // pieces given (the first ',' becomes '{'; no braces when there are none).
 void append_series(std::string& out, const Family& family, std::string_view source_labels,
-                   std::string_view labels, std::string_view more = {});
+                   std::string_view labels);
 
 }  // namespace nmb::openmetrics

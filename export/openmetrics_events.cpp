@@ -219,9 +219,8 @@ void write_event_record(std::string& out, EventLayout& layout, ByteView record, 
     labels[0] = '{';
     labels.append("} ");
   }
-  char stamp[32] = {' '};
-  const size_t stamp_length = append_timestamp_into(stamp + 1, time) + 1;
-  stamp[stamp_length] = '\n';
+  char stamp[kLineEndRoom];
+  const size_t stamp_length = write_line_end(stamp, time);
   if (!layout.announced) {
     for (const EventLayout::Value& value : layout.values) {
       Families::announce(out, *value.family, value.help);
@@ -232,17 +231,16 @@ void write_event_record(std::string& out, EventLayout& layout, ByteView record, 
   // Every line written straight into room made once for the record.
   const size_t start = out.size();
   out.resize(start + layout.names_room +
-             layout.values.size() * (labels.size() + kValueRoom + stamp_length + 1));
+             layout.values.size() * (labels.size() + kValueRoom + stamp_length));
   char* at = out.data() + start;
   for (const EventLayout::Value& value : layout.values) {
     const std::string& name = value.family->sample_name;
     at = std::copy_n(name.data(), name.size(), at);
     at = std::copy_n(labels.data(), labels.size(), at);
     at = write_number(at, value.kind, record, value.offset);
-    at = std::copy_n(stamp, stamp_length + 1, at);
+    at = std::copy_n(stamp, stamp_length, at);
   }
   out.resize(static_cast<size_t>(at - out.data()));
-  tally.written += layout.values.size();
 }
 
 }  // namespace nmb::openmetrics

@@ -153,41 +153,36 @@ bool OpenMetricsSink::write_metrics(const metrics::MetricsTables& tables) {
   // The family of each metric name, by batch type.
   std::vector<om::Family*> families[2];
   std::string& out = output().text();
-  std::string stamp;
   for (size_t b = 0; b < tables.batches.size(); ++b) {
     const BatchRecord& batch = tables.batches[b];
     if (!in_bounds(batch.timestamp) || batch.samples.empty()) continue;
     const bool counter = batch.type == 'C';
     std::vector<om::Family*>& by_id = families[counter ? 1 : 0];
     by_id.resize(tables.metric_names.size());
-    if (!labels[b].writable) {
-      if (tally_.unwritable == 0) {
-        om::Family*& family = by_id[batch.samples.front().sample_id];
-        if (family == nullptr)
-          family = &families_->declare(
-              om::valid_name(tables.metric_names[batch.samples.front().sample_id], false),
-              counter ? om::FamilyType::kCounter : om::FamilyType::kGauge);
-        tally_.first_unwritable = family;
+    auto family_of = [&](uint16_t id) -> om::Family& {
+      om::Family*& family = by_id[id];
+      if (family == nullptr) {
+        family = &families_->declare(om::valid_name(tables.metric_names[id], false),
+                                     counter ? om::FamilyType::kCounter : om::FamilyType::kGauge);
       }
+      return *family;
+    };
+    if (!labels[b].writable) {
+      if (tally_.unwritable == 0)
+        tally_.first_unwritable = &family_of(batch.samples.front().sample_id);
       tally_.unwritable += batch.samples.size();
       continue;
     }
-    stamp.clear();
-    om::append_timestamp(stamp, batch.timestamp);
+    char time[om::kLineEndRoom];
+    const size_t time_length = om::write_line_end(time, batch.timestamp);
     for (const metrics::Sample& sample : batch.samples) {
-      om::Family*& family = by_id[sample.sample_id];
-      if (family == nullptr) {
-        family = &families_->declare(om::valid_name(tables.metric_names[sample.sample_id], false),
-                                     counter ? om::FamilyType::kCounter : om::FamilyType::kGauge);
-      }
+      om::Family* family = &family_of(sample.sample_id);
       om::Families::announce(out, *family);
       om::append_series(out, *family, source_labels_, labels[b].text);
-      om::append_unsigned(out, sample.sample_value);
-      out.push_back(' ');
-      out.append(stamp);
-      out.push_back('\n');
+      char value[om::kValueRoom];
+      out.append(value, om::write_unsigned(value, sample.sample_value));
+      out.append(time, time_length);
     }
-    tally_.written += batch.samples.size();
   }
   return true;
 }

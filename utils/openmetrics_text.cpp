@@ -95,21 +95,6 @@ char* write_double(char* at, double value) {
   return std::to_chars(at, at + kValueRoom, value).ptr;
 }
 
-void append_unsigned(std::string& out, uint64_t value) {
-  char text[kValueRoom];
-  out.append(text, write_unsigned(text, value));
-}
-
-void append_signed(std::string& out, int64_t value) {
-  char text[kValueRoom];
-  out.append(text, write_signed(text, value));
-}
-
-void append_double(std::string& out, double value) {
-  char text[kValueRoom];
-  out.append(text, write_double(text, value));
-}
-
 size_t append_timestamp_into(char* at, uint64_t microseconds) {
   char* end = std::to_chars(at, at + 20, microseconds / 1000000).ptr;
   const auto millis = static_cast<unsigned>(microseconds / 1000 % 1000);
@@ -120,9 +105,11 @@ size_t append_timestamp_into(char* at, uint64_t microseconds) {
   return static_cast<size_t>(end + 4 - at);
 }
 
-void append_timestamp(std::string& out, uint64_t microseconds) {
-  char text[24];
-  out.append(text, append_timestamp_into(text, microseconds));
+size_t write_line_end(char* at, uint64_t microseconds) {
+  at[0] = ' ';
+  const size_t length = append_timestamp_into(at + 1, microseconds) + 1;
+  at[length] = '\n';
+  return length + 1;
 }
 
 }  // namespace nmb::openmetrics

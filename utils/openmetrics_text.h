@@ -26,13 +26,9 @@ bool append_label_value(std::string& out, std::string_view value);
 // when it is not valid UTF-8.
 bool append_help(std::string& out, std::string_view help);
 
-// Sample values: integers whose magnitude is below 2^53 exactly, others as
-// the nearest double in its shortest form; NaN, +Inf and -Inf as such.
-void append_unsigned(std::string& out, uint64_t value);
-void append_signed(std::string& out, int64_t value);
-void append_double(std::string& out, double value);
-
-// The same written at `at` (kValueRoom bytes of room); return the end.
+// Sample values written at `at` (kValueRoom bytes of room); return the
+// end. Integers whose magnitude is below 2^53 exactly, others as the
+// nearest double in its shortest form; NaN, +Inf and -Inf as such.
 inline constexpr size_t kValueRoom = 32;
 char* write_unsigned(char* at, uint64_t value);
 char* write_signed(char* at, int64_t value);
@@ -43,9 +39,13 @@ char* write_double(char* at, double value);
 char* write_label_value(char* at, std::string_view value);
 
 // A timestamp in microseconds as seconds with three decimals (the
-// milliseconds Prometheus keeps; the microseconds are cut, not rounded).
-void append_timestamp(std::string& out, uint64_t microseconds);
-// The same into `at` (room for 24 bytes); returns the length.
+// milliseconds Prometheus keeps; the microseconds are cut, not rounded),
+// written at `at` (room for 24 bytes); returns the length.
 size_t append_timestamp_into(char* at, uint64_t microseconds);
+
+// The end of a sample line, " <timestamp>\n", at `at` (kLineEndRoom bytes);
+// returns its length.
+inline constexpr size_t kLineEndRoom = 32;
+size_t write_line_end(char* at, uint64_t microseconds);
 
 }  // namespace nmb::openmetrics

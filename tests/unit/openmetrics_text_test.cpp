@@ -35,22 +35,25 @@ TEST(OpenMetricsText, LabelValuesAndHelpAreEscapedOrRefused) {
 }
 
 TEST(OpenMetricsText, NumbersAreExactBelowTwoToTheFiftyThird) {
-  auto text = [](auto append, auto value) {
-    std::string out;
-    append(out, value);
-    return out;
+  auto text = [](auto write, auto value) {
+    char out[om::kLineEndRoom];
+    return std::string(out, write(out, value));
   };
-  EXPECT_EQ(text(om::append_unsigned, (uint64_t{1} << 53) - 1), "9007199254740991");
-  EXPECT_EQ(text(om::append_unsigned, (uint64_t{1} << 53) + 1), "9007199254740992");
-  EXPECT_EQ(text(om::append_unsigned, UINT64_MAX),
+  EXPECT_EQ(text(om::write_unsigned, (uint64_t{1} << 53) - 1), "9007199254740991");
+  EXPECT_EQ(text(om::write_unsigned, (uint64_t{1} << 53) + 1), "9007199254740992");
+  EXPECT_EQ(text(om::write_unsigned, UINT64_MAX),
             "18446744073709551616");  // 2^64, the nearest double
-  EXPECT_EQ(text(om::append_signed, int64_t{-42}), "-42");
-  EXPECT_EQ(text(om::append_signed, INT64_MIN), "-9223372036854775808");
-  EXPECT_EQ(text(om::append_double, 0.1), "0.1");
-  EXPECT_EQ(text(om::append_double, std::nan("")), "NaN");
-  EXPECT_EQ(text(om::append_double, -std::numeric_limits<double>::infinity()), "-Inf");
-  EXPECT_EQ(text(om::append_timestamp, uint64_t{1700000000123999}), "1700000000.123");
-  EXPECT_EQ(text(om::append_timestamp, uint64_t{5000}), "0.005");
+  EXPECT_EQ(text(om::write_signed, int64_t{-42}), "-42");
+  EXPECT_EQ(text(om::write_signed, INT64_MIN), "-9223372036854775808");
+  EXPECT_EQ(text(om::write_double, 0.1), "0.1");
+  EXPECT_EQ(text(om::write_double, std::nan("")), "NaN");
+  EXPECT_EQ(text(om::write_double, -std::numeric_limits<double>::infinity()), "-Inf");
+  auto line_end = [](uint64_t microseconds) {
+    char out[om::kLineEndRoom];
+    return std::string(out, om::write_line_end(out, microseconds));
+  };
+  EXPECT_EQ(line_end(1700000000123999), " 1700000000.123\n");
+  EXPECT_EQ(line_end(5000), " 0.005\n");
 }
 
 TEST(OpenMetricsFamilies, NamesNeverClashAcrossTypes) {
